@@ -1,0 +1,20 @@
+/*
+ * travik - media-playback engine for small embedded Linux devices.
+ *
+ * The umbrella header: includes every module of the public API.
+ */
+#ifndef TRAVIK_TRAVIK_H
+#define TRAVIK_TRAVIK_H
+
+#include <travik/common.h>
+#include <travik/config.h>
+#include <travik/frame.h>
+#include <travik/list.h>
+#include <travik/metadata.h>
+#include <travik/plugin.h>
+#include <travik/queue.h>
+#include <travik/system.h>
+#include <travik/thread.h>
+#include <travik/timeval.h>
+
+#endif /* TRAVIK_TRAVIK_H */

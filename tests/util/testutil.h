@@ -1,0 +1,58 @@
+// Helpers shared by the test programs.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace travik_test {
+
+// Captures everything written to file descriptor 2 while it lives.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  // Stops capturing (if still capturing) and returns what was written.
+  std::string text();
+
+ private:
+  int saved_ = -1;
+  std::string path_;
+  std::string text_;
+};
+
+// Same for file descriptor 1.
+class StdoutCapture {
+ public:
+  StdoutCapture();
+  ~StdoutCapture();
+  std::string text();
+
+ private:
+  int saved_ = -1;
+  std::string path_;
+  std::string text_;
+};
+
+// Runs `body` in a forked child and returns what it returned. Used for
+// process-wide state that is computed once (directories, environment).
+std::string in_child(const std::function<std::string()> &body);
+
+// A fresh directory under /tmp, removed with its contents on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string &path() const { return path_; }
+  std::string file(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &content);
+
+// Milliseconds on a monotonic clock.
+long long now_ms();
+
+}  // namespace travik_test
