@@ -13,8 +13,10 @@
 #include <travik/metadata.h>
 #include <travik/plugin.h>
 #include <travik/queue.h>
+#include <travik/scale.h>
 #include <travik/system.h>
 #include <travik/thread.h>
 #include <travik/timeval.h>
+#include <travik/yuv2rgb.h>
 
 #endif /* TRAVIK_TRAVIK_H */
