@@ -24,6 +24,7 @@
 #include <travik/thread.h>
 #include <travik/timeval.h>
 #include <travik/url.h>
+#include <travik/video.h>
 #include <travik/yuv2rgb.h>
 
 #endif /* TRAVIK_TRAVIK_H */
