@@ -23,6 +23,7 @@
 #define TRAVIK_YUV2RGB_H
 
 #include <travik/common.h>
+#include <travik/frame.h> /* the TRAVIK_PIXEL_* format codes */
 
 TRAVIK_BEGIN_DECLS
 

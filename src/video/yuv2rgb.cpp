@@ -263,24 +263,22 @@ void build_tables(int32_t format) {
   }
 }
 
-// Finds (mul, add, shift) with (d * mul + add) >> shift equal to `target`
-// for every d in -128..127, the form the vector routines compute.
+// Finds (mul, shift) with ((d << shift) * mul + 16384) >> 15 equal to
+// `target` for every d in -128..127, the form the vector routines compute.
 bool find_formula(const int32_t target[256], int32_t coefficient, OffsetFormula *out) {
-  for (int32_t shift = 15; shift >= 4; shift--) {
-    const int64_t ideal = (static_cast<int64_t>(coefficient) << shift) / 76309;
-    for (int64_t mul = ideal - 2; mul <= ideal + 2; mul++) {
+  for (int32_t shift = 0; shift <= 7; shift++) {
+    const int64_t ideal = (static_cast<int64_t>(coefficient) << (15 - shift)) / 76309;
+    for (int64_t mul = ideal - 3; mul <= ideal + 3; mul++) {
       if (mul < -32768 || mul > 32767) continue;
-      const int32_t half = 1 << (shift - 1);
-      const int32_t adds[] = {half, half - 1, half + 1, half - 2, half + 2};
-      for (int32_t add : adds) {
-        if (add > 32767) continue;
-        bool all = true;
-        for (int d = -128; d < 128 && all; d++)
-          all = ((d * static_cast<int32_t>(mul) + add) >> shift) == target[d + 128];
-        if (all) {
-          *out = {static_cast<int16_t>(mul), static_cast<int16_t>(add), shift};
-          return true;
-        }
+      bool all = true;
+      for (int d = -128; d < 128 && all; d++) {
+        const int32_t x = d * (1 << shift);
+        all = x >= -32768 && x <= 32767 &&
+              ((x * static_cast<int32_t>(mul) + 16384) >> 15) == target[d + 128];
+      }
+      if (all) {
+        *out = {static_cast<int16_t>(mul), shift};
+        return true;
       }
     }
   }

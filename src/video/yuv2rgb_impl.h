@@ -33,11 +33,11 @@ void convert24(travik_yuv2rgb *c, int32_t blocks, int32_t height, uint8_t *dst,
                int32_t y_pitch, int32_t uv_pitch);
 
 // Parameters of the vector routines: each chroma contribution of the tables,
-// off(d) for d = sample - 128, reproduced as (d * mul + add) >> shift; found
-// and checked against all 256 table entries at creation.
+// off(d) for d = sample - 128, reproduced as a rounding high multiply
+// ((d << shift) * mul + 16384) >> 15; found and checked against all 256
+// table entries at creation.
 struct OffsetFormula {
   int16_t mul;
-  int16_t add;
   int32_t shift;
 };
 struct SimdParams {
