@@ -13,6 +13,11 @@
 
 #include "util/testutil.h"
 
+#ifdef TRAVIK_TEST_HAVE_PNG
+#include <png.h>
+#endif
+#include <sys/stat.h>
+
 namespace {
 
 // Before anything asks for the plugin directories.
@@ -359,5 +364,132 @@ TEST(VideoOut, FbdevShowsDecoderMemoryWithoutACopy) {
   travik_video_freebuffer(v, shown.planes);
   travik_video_destroy(v);
 }
+
+// ----- png
+
+#ifdef TRAVIK_TEST_HAVE_PNG
+struct Image {
+  int32_t width = 0, height = 0;
+  std::vector<uint8_t> rgb;
+};
+
+Image read_png(const std::string &path) {
+  Image image;
+  png_image png;
+  std::memset(&png, 0, sizeof png);
+  png.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_file(&png, path.c_str())) return image;
+  png.format = PNG_FORMAT_RGB;
+  image.rgb.resize(PNG_IMAGE_SIZE(png));
+  if (png_image_finish_read(&png, nullptr, image.rgb.data(), 0, nullptr)) {
+    image.width = static_cast<int32_t>(png.width);
+    image.height = static_cast<int32_t>(png.height);
+  }
+  return image;
+}
+
+bool exists(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+// Colour bars over a luma ramp, with chroma from the bar.
+void colour_bars(travik_videoframe *f) {
+  static const uint8_t bars[8][3] = {{235, 128, 128}, {210, 16, 146}, {170, 166, 16},
+                                     {145, 54, 34},   {106, 202, 222}, {81, 90, 240},
+                                     {41, 240, 110},  {16, 128, 128}};
+  for (int r = 0; r < f->height; r++)
+    for (int x = 0; x < f->width; x++) {
+      const int bar = x * 8 / f->width;
+      const int fade = r * 40 / f->height;
+      f->planes[0][r * f->pitches[0] + x] = static_cast<uint8_t>(bars[bar][0] > 56 ? bars[bar][0] - fade : bars[bar][0]);
+      f->planes[1][(r / 2) * f->pitches[1] + x / 2] = bars[bar][1];
+      f->planes[2][(r / 2) * f->pitches[2] + x / 2] = bars[bar][2];
+    }
+}
+
+TEST(VideoOut, PngWritesEveryNthFlip) {
+  TempDir dir;
+  const std::string argument = "dir=" + dir.path() + ",every=2";
+  travik_video *v = travik_video_create("png", const_cast<char *>(argument.c_str()));
+  ASSERT_NE(v, nullptr);
+  std::vector<Frame *> frames;
+  for (int i = 0; i < 5; i++) {
+    frames.push_back(new Frame(64, 32, 20 + i));
+    travik_video_draw(v, 0, 0, -1, -1, frames.back()->f);
+    travik_video_flip(v);
+  }
+  travik_video_destroy(v);
+  EXPECT_FALSE(exists(dir.file("frame000001.png")));
+  EXPECT_TRUE(exists(dir.file("frame000002.png")));
+  EXPECT_FALSE(exists(dir.file("frame000003.png")));
+  EXPECT_TRUE(exists(dir.file("frame000004.png")));
+  EXPECT_FALSE(exists(dir.file("frame000005.png")));
+  // The file holds the converter's picture of the second frame.
+  Image image = read_png(dir.file("frame000002.png"));
+  ASSERT_EQ(image.width, 64);
+  ASSERT_EQ(image.height, 32);
+  const std::string rgb32 = expected_screen(TRAVIK_PIXEL_RGB32, 0, 64, 32, 64, 32, 256, frames[1]->f);
+  for (int r = 0; r < 32; r++)
+    for (int x = 0; x < 64; x++) {
+      uint32_t pixel;
+      std::memcpy(&pixel, rgb32.data() + r * 256 + x * 4, 4);
+      const uint8_t *got = &image.rgb[(r * 64 + x) * 3];
+      ASSERT_EQ(got[0], (pixel >> 16) & 0xFF) << x << "," << r;
+      ASSERT_EQ(got[1], (pixel >> 8) & 0xFF);
+      ASSERT_EQ(got[2], pixel & 0xFF);
+    }
+  for (Frame *f : frames) delete f;
+}
+
+TEST(VideoOut, PngKeepsOddSizesWhole) {
+  TempDir dir;
+  travik_video *v = travik_video_create("png", const_cast<char *>(dir.path().c_str()));
+  ASSERT_NE(v, nullptr);
+  Frame a(21, 7, 30);
+  colour_bars(a.f);
+  travik_video_draw(v, 0, 0, -1, -1, a.f);
+  travik_video_flip(v);
+  travik_video_destroy(v);
+  Image image = read_png(dir.file("frame000001.png"));
+  ASSERT_EQ(image.width, 21);
+  ASSERT_EQ(image.height, 7);
+  // The last column and row are converted like their neighbours (one bar).
+  for (int c = 0; c < 3; c++) {
+    EXPECT_EQ(image.rgb[(6 * 21 + 20) * 3 + c], image.rgb[(6 * 21 + 19) * 3 + c]);
+    EXPECT_NE(image.rgb[(0 * 21 + 20) * 3 + c], 0xA5);
+  }
+}
+
+TEST(VideoOut, PngShowsColourBars) {
+  // Written where a person can look at it after the test has run.
+  const std::string dir = TRAVIK_TEST_BINARY_DIR "/videoout-png";
+  mkdir(dir.c_str(), 0755);
+  const std::string argument = "dir=" + dir;
+  travik_video *v = travik_video_create("png", const_cast<char *>(argument.c_str()));
+  ASSERT_NE(v, nullptr);
+  Frame a(320, 240, 31);
+  colour_bars(a.f);
+  travik_video_draw(v, 0, 0, -1, -1, a.f);
+  travik_video_flip(v);
+  travik_video_destroy(v);
+  Image image = read_png(dir + "/frame000001.png");
+  ASSERT_EQ(image.width, 320);
+  auto at = [&](int x, int y) { return &image.rgb[(y * 320 + x) * 3]; };
+  // White, yellow, ..., black bars at the top row.
+  EXPECT_EQ(at(20, 0)[0], 255);
+  EXPECT_EQ(at(20, 0)[2], 255);
+  EXPECT_GT(at(60, 0)[0], 200);   // yellow: red and green, no blue
+  EXPECT_LT(at(60, 0)[2], 40);
+  EXPECT_GT(at(220, 0)[0], 200);  // red
+  EXPECT_LT(at(220, 0)[1], 40);
+  EXPECT_LT(at(300, 0)[0], 5);    // black
+}
+
+TEST(VideoOut, PngNeedsADirectory) {
+  EXPECT_EQ(travik_video_create("png", nullptr), nullptr);
+  EXPECT_EQ(travik_video_create("png", const_cast<char *>("every=3")), nullptr);
+}
+#endif
 
 }  // namespace
