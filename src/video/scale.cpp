@@ -124,13 +124,13 @@ void scale_yuv_fast(int32_t sw, int32_t sh, int32_t dw, int32_t dh, uint8_t *con
   const int32_t xstep = (sw << 16) / dw;
   const int32_t ystep = (sh << 16) / dh;
   std::vector<int32_t> columns(dw);
-  std::vector<int32_t> chroma_columns;
-  chroma_columns.reserve(dw / 2 + 1);
-  for (int32_t x = 0; x < dw; x++) {
+  // Chroma is written at the columns x with dw - 1 - x even.
+  const int32_t chroma_count = (dw + 1) / 2;
+  std::vector<int32_t> chroma_columns(chroma_count);
+  for (int32_t x = 0, k = 0; x < dw; x++) {
     columns[x] = (x * xstep) >> 16;
-    if (((dw - 1 - x) & 1) == 0) chroma_columns.push_back((x * xstep) >> 17);
+    if (((dw - 1 - x) & 1) == 0) chroma_columns[k++] = (x * xstep) >> 17;
   }
-  const int32_t chroma_count = static_cast<int32_t>(chroma_columns.size());
   GatherPlan luma, chroma;
   plan_gather(&luma, columns.data(), dw, sw);
   plan_gather(&chroma, chroma_columns.data(), chroma_count, (sw - 1) / 2 + 1);
