@@ -267,7 +267,7 @@ void build_tables(int32_t format) {
 // `target` for every d in -128..127, the form the vector routines compute.
 bool find_formula(const int32_t target[256], int32_t coefficient, OffsetFormula *out) {
   for (int32_t shift = 0; shift <= 7; shift++) {
-    const int64_t ideal = (static_cast<int64_t>(coefficient) << (15 - shift)) / 76309;
+    const int64_t ideal = static_cast<int64_t>(coefficient) * (int64_t{1} << (15 - shift)) / 76309;
     for (int64_t mul = ideal - 3; mul <= ideal + 3; mul++) {
       if (mul < -32768 || mul > 32767) continue;
       bool all = true;
