@@ -13,8 +13,9 @@ foreach(line ${lines})
   if(line MATCHES "^[0-9a-f]+ ([A-Za-z]) (.+)$")
     set(type ${CMAKE_MATCH_1})
     set(name ${CMAKE_MATCH_2})
-    # Absolute symbols are the linker's version markers.
-    if(type STREQUAL "A")
+    # Absolute symbols are the linker's version markers; __odr_asan.* are
+    # AddressSanitizer's markers for exported data.
+    if(type STREQUAL "A" OR name MATCHES "^__odr_asan")
       continue()
     endif()
     math(EXPR count "${count} + 1")
