@@ -6,9 +6,11 @@
 #ifndef TRAVIK_TRAVIK_H
 #define TRAVIK_TRAVIK_H
 
+#include <travik/bytes.h>
 #include <travik/common.h>
 #include <travik/config.h>
 #include <travik/frame.h>
+#include <travik/io.h>
 #include <travik/list.h>
 #include <travik/metadata.h>
 #include <travik/plugin.h>
@@ -16,5 +18,6 @@
 #include <travik/system.h>
 #include <travik/thread.h>
 #include <travik/timeval.h>
+#include <travik/url.h>
 
 #endif /* TRAVIK_TRAVIK_H */
