@@ -9,12 +9,16 @@
 #include <travik/bytes.h>
 #include <travik/common.h>
 #include <travik/config.h>
+#include <travik/decoder.h>
+#include <travik/demuxer.h>
+#include <travik/font.h>
 #include <travik/frame.h>
 #include <travik/io.h>
 #include <travik/list.h>
 #include <travik/metadata.h>
 #include <travik/plugin.h>
 #include <travik/queue.h>
+#include <travik/subtitle.h>
 #include <travik/system.h>
 #include <travik/thread.h>
 #include <travik/timeval.h>
