@@ -104,9 +104,10 @@ int32_t wav_parseheader(void *state) {
   travik_codec_info &info = wav->stream.info;
   bool have_format = false;
   for (;;) {
-    char id[4];
-    if (!read_exact(io, id, 4)) return 1;  // no data chunk
-    const uint32_t size = travik_get_le32(io);
+    uint8_t id[8];
+    if (!read_exact(io, id, 8)) return 1;  // no data chunk
+    const uint32_t size = static_cast<uint32_t>(id[4]) | static_cast<uint32_t>(id[5]) << 8 |
+                          static_cast<uint32_t>(id[6]) << 16 | static_cast<uint32_t>(id[7]) << 24;
     const int64_t body = travik_io_pos(io);
     if (body < 0) return 1;
     if (std::memcmp(id, "fmt ", 4) == 0) {
