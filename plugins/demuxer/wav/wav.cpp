@@ -30,6 +30,7 @@ struct Wav {
   int64_t position;    // bytes of samples already delivered
   bool truncated;      // the file holds less than the header declares
   bool ended;          // a short read met the end of the input
+  bool ready;          // the header was accepted
 };
 
 // Positions the input at `offset` from its start. Seeks are made relative
@@ -149,12 +150,14 @@ int32_t wav_parseheader(void *state) {
   wav->demuxer->bitrate = info.bitrate;
   travik_demuxer_addstream(wav->demuxer, &wav->stream);
   wav->position = 0;
+  wav->ready = true;
   return 0;
 }
 
 int32_t wav_parse(void *state, travik_packet **packet) {
   auto *wav = static_cast<Wav *>(state);
   const travik_codec_info &info = wav->stream.info;
+  if (!wav->ready) return 1;
   if (wav->ended || wav->position >= wav->data_size)
     return wav->truncated ? 1 : TRAVIK_DEMUXER_END;
   int64_t count = kPacketBytes - kPacketBytes % info.block_align;
@@ -185,7 +188,7 @@ int32_t wav_parse(void *state, travik_packet **packet) {
 int32_t wav_seek(void *state, int64_t position, int32_t) {
   auto *wav = static_cast<Wav *>(state);
   const travik_codec_info &info = wav->stream.info;
-  if (info.block_align < 1) return 1;  // no header parsed
+  if (!wav->ready) return 1;
   int64_t frame = position > 0 ? position * info.sample_rate / 1000000 : 0;
   int64_t offset = frame * info.block_align;
   if (offset > wav->data_size) offset = wav->data_size;
