@@ -7,6 +7,7 @@
 #define TRAVIK_TRAVIK_H
 
 #include <travik/bytes.h>
+#include <travik/codec.h>
 #include <travik/common.h>
 #include <travik/config.h>
 #include <travik/decoder.h>
