@@ -11,8 +11,10 @@
 #include <travik/frame.h>
 #include <travik/list.h>
 #include <travik/metadata.h>
+#include <travik/pitch.h>
 #include <travik/plugin.h>
 #include <travik/queue.h>
+#include <travik/resample.h>
 #include <travik/system.h>
 #include <travik/thread.h>
 #include <travik/timeval.h>
