@@ -18,6 +18,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace {
 
 constexpr uint32_t kRebase = 0x8000;
@@ -25,6 +29,29 @@ constexpr uint32_t kRebase = 0x8000;
 // the position never overflows its 32 bits between two rebases.
 constexpr uint32_t kMinStep = 1;
 constexpr uint32_t kMaxStep = 0x40000000;
+
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+#define TRAVIK_PAIR_ACCESS 1
+#else
+#define TRAVIK_PAIR_ACCESS 0
+#endif
+// Four frames at a time with 16-bit SIMD where the machine has it; the
+// scalar loops finish the rest and serve everywhere else.
+#if defined(__SSE2__) && TRAVIK_PAIR_ACCESS
+#define TRAVIK_SSE2 1
+#else
+#define TRAVIK_SSE2 0
+#endif
+
+// Two neighbouring 16-bit values as one 32-bit word (the first in the low
+// half on a little-endian machine).
+inline uint32_t load_pair(const int16_t *p) {
+  uint32_t v;
+  memcpy(&v, p, 4);
+  return v;
+}
+
+inline void store_pair(int16_t *p, uint32_t v) { memcpy(p, &v, 4); }
 
 inline int16_t clip16(int32_t v) {
   return v > 32767 ? 32767 : (v < -32768 ? -32768 : static_cast<int16_t>(v));
@@ -126,6 +153,110 @@ int32_t ref_interp_mono(travik_resample *r, int16_t *out, int32_t count) {
   return finish(r, s, avail, p, frames);
 }
 
+// ---- inner loops: n output frames from position p, no bounds tests --------
+
+#if TRAVIK_SSE2
+// Eight 16-bit results of (next x f + (0x10000 - f) x cur) >> 16, exactly as
+// lerp32 computes them: cur + high(next x f) - high(cur x f) - borrow, where
+// the high halves of the signed x unsigned products come from the signed
+// multiply corrected for f >= 0x8000, and the borrow is that of the low
+// halves' subtraction.
+inline __m128i lerp8(__m128i cur, __m128i next, __m128i f) {
+  const __m128i bias = _mm_set1_epi16(static_cast<int16_t>(0x8000));
+  __m128i wide = _mm_srai_epi16(f, 15);
+  __m128i lo_next = _mm_mullo_epi16(next, f), lo_cur = _mm_mullo_epi16(cur, f);
+  __m128i hi_next = _mm_add_epi16(_mm_mulhi_epi16(next, f), _mm_and_si128(next, wide));
+  __m128i hi_cur = _mm_add_epi16(_mm_mulhi_epi16(cur, f), _mm_and_si128(cur, wide));
+  __m128i borrow = _mm_cmpgt_epi16(_mm_xor_si128(lo_cur, bias), _mm_xor_si128(lo_next, bias));
+  return _mm_add_epi16(_mm_sub_epi16(_mm_add_epi16(cur, hi_next), hi_cur), borrow);
+}
+
+// Fractions of four positions, each repeated for both outputs of its frame.
+inline __m128i fractions(uint32_t p0, uint32_t p1, uint32_t p2, uint32_t p3) {
+  __m128i f = _mm_and_si128(_mm_set_epi32(static_cast<int32_t>(p3), static_cast<int32_t>(p2),
+                                          static_cast<int32_t>(p1), static_cast<int32_t>(p0)),
+                            _mm_set1_epi32(0xFFFF));
+  return _mm_or_si128(f, _mm_slli_epi32(f, 16));
+}
+
+inline __m128i load64(const int16_t *p) { return _mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)); }
+#endif
+
+inline uint32_t run_stereo(const int16_t *s, int16_t *o, uint32_t p, uint32_t step, int32_t n) {
+  int32_t k = 0;
+#if TRAVIK_SSE2
+  for (; k + 4 <= n; k += 4) {
+    uint32_t p1 = p + step, p2 = p1 + step, p3 = p2 + step;
+    // Each 64-bit load holds (left, right) of frame i and of frame i + 1.
+    __m128i ab = _mm_unpacklo_epi64(load64(s + 2 * (p >> 16)), load64(s + 2 * (p1 >> 16)));
+    __m128i cd = _mm_unpacklo_epi64(load64(s + 2 * (p2 >> 16)), load64(s + 2 * (p3 >> 16)));
+    __m128i cur = _mm_castps_si128(
+        _mm_shuffle_ps(_mm_castsi128_ps(ab), _mm_castsi128_ps(cd), _MM_SHUFFLE(2, 0, 2, 0)));
+    __m128i next = _mm_castps_si128(
+        _mm_shuffle_ps(_mm_castsi128_ps(ab), _mm_castsi128_ps(cd), _MM_SHUFFLE(3, 1, 3, 1)));
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(o + 2 * k), lerp8(cur, next, fractions(p, p1, p2, p3)));
+    p = p3 + step;
+  }
+#endif
+  for (; k < n; k++) {
+#if TRAVIK_PAIR_ACCESS
+    // One 32-bit load per input frame and one store per output frame: the
+    // left sample is the low half. (c << 16) is left x 0x10000 and
+    // (c & 0xFFFF0000) right x 0x10000, modulo 2^32.
+    uint32_t f = p & 0xFFFF;
+    const int16_t *a = s + 2 * (p >> 16);
+    uint32_t c = load_pair(a), d = load_pair(a + 2);
+    int32_t dl = static_cast<int16_t>(d) - static_cast<int16_t>(c);
+    int32_t dr = static_cast<int16_t>(d >> 16) - static_cast<int16_t>(c >> 16);
+    uint32_t left = (c << 16) + static_cast<uint32_t>(dl) * f;
+    uint32_t right = (c & 0xFFFF0000u) + static_cast<uint32_t>(dr) * f;
+    store_pair(o + 2 * k, (left >> 16) | (right & 0xFFFF0000u));
+#else
+    const int16_t *a = s + 2 * (p >> 16);
+    uint32_t f = p & 0xFFFF;
+    o[2 * k] = lerp32(a[0], a[2], f);
+    o[2 * k + 1] = lerp32(a[1], a[3], f);
+#endif
+    p += step;
+  }
+  return p;
+}
+
+inline uint32_t run_mono(const int16_t *s, int16_t *o, uint32_t p, uint32_t step, int32_t n) {
+  int32_t k = 0;
+#if TRAVIK_SSE2
+  for (; k + 4 <= n; k += 4) {
+    uint32_t p1 = p + step, p2 = p1 + step, p3 = p2 + step;
+    // Each 32-bit word holds the value at i and at i + 1.
+    __m128i pairs = _mm_set_epi32(static_cast<int32_t>(load_pair(s + (p3 >> 16))),
+                                  static_cast<int32_t>(load_pair(s + (p2 >> 16))),
+                                  static_cast<int32_t>(load_pair(s + (p1 >> 16))),
+                                  static_cast<int32_t>(load_pair(s + (p >> 16))));
+    __m128i cur = _mm_shufflehi_epi16(_mm_shufflelo_epi16(pairs, _MM_SHUFFLE(2, 2, 0, 0)),
+                                      _MM_SHUFFLE(2, 2, 0, 0));
+    __m128i next = _mm_shufflehi_epi16(_mm_shufflelo_epi16(pairs, _MM_SHUFFLE(3, 3, 1, 1)),
+                                       _MM_SHUFFLE(3, 3, 1, 1));
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(o + 2 * k), lerp8(cur, next, fractions(p, p1, p2, p3)));
+    p = p3 + step;
+  }
+#endif
+  for (; k < n; k++) {
+#if TRAVIK_PAIR_ACCESS
+    uint32_t c = load_pair(s + (p >> 16));
+    int32_t d = static_cast<int16_t>(c >> 16) - static_cast<int16_t>(c);
+    uint32_t v = ((c << 16) + static_cast<uint32_t>(d) * (p & 0xFFFF)) & 0xFFFF0000u;
+    store_pair(o + 2 * k, v | (v >> 16));
+#else
+    const int16_t *a = s + (p >> 16);
+    int16_t v = lerp32(a[0], a[1], p & 0xFFFF);
+    o[2 * k] = v;
+    o[2 * k + 1] = v;
+#endif
+    p += step;
+  }
+  return p;
+}
+
 // ---- optimised routines -------------------------------------------------
 
 // Frames that can be produced from position p before the frame index passes
@@ -150,13 +281,7 @@ int32_t fast_interp_stereo(travik_resample *r, int16_t *out, int32_t count) {
     if (last > kRebase - 1) last = kRebase - 1;
     int32_t n = run_length(p, last, step, want - frames);
     int16_t *o = out + 2 * frames;
-    for (int32_t k = 0; k < n; k++) {
-      const int16_t *a = s + 2 * (p >> 16);
-      uint32_t f = p & 0xFFFF;
-      o[2 * k] = lerp32(a[0], a[2], f);
-      o[2 * k + 1] = lerp32(a[1], a[3], f);
-      p += step;
-    }
+    p = run_stereo(s, o, p, step, n);
     frames += n;
   }
   return finish(r, s, avail, p, frames);
@@ -204,13 +329,7 @@ int32_t fast_interp_mono(travik_resample *r, int16_t *out, int32_t count) {
     int32_t n = run_length(p, last, step, want - frames);
     int16_t *o = out + 2 * frames;
     if (ch == 1) {
-      for (int32_t k = 0; k < n; k++) {
-        const int16_t *a = s + (p >> 16);
-        int16_t v = lerp32(a[0], a[1], p & 0xFFFF);
-        o[2 * k] = v;
-        o[2 * k + 1] = v;
-        p += step;
-      }
+      p = run_mono(s, o, p, step, n);
     } else {
       for (int32_t k = 0; k < n; k++) {
         const int16_t *a = s + (p >> 16) * ch;
@@ -240,7 +359,9 @@ int32_t copy_stereo(travik_resample *r, int16_t *out, int32_t count) {
   return n;
 }
 
-int32_t copy_fold_six(travik_resample *r, int16_t *out, int32_t count) {
+// `simd` false is the plain reference routine.
+template <bool simd>
+int32_t fold_six(travik_resample *r, int16_t *out, int32_t count) {
   if (!out || r->available < 1) {
     r->ended = 1;
     return 0;
@@ -250,7 +371,34 @@ int32_t copy_fold_six(travik_resample *r, int16_t *out, int32_t count) {
   if (t <= 0) return 0;
   const int16_t *s = r->source;
   int32_t groups = t / 6;
-  for (int32_t k = 0; k < groups; k++, s += 6) {
+  int32_t k = 0;
+#if TRAVIK_SSE2
+  // Four frames at a time: the twelve (even, odd) pairs of 32 bits are
+  // transposed so that W0, W1, W2 hold pair 0, 1, 2 of each frame; the
+  // saturating pack is the clipping.
+  for (; simd && k + 4 <= groups; k += 4, s += 24) {
+    __m128 r0 = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i *>(s)));
+    __m128 r1 = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i *>(s + 8)));
+    __m128 r2 = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i *>(s + 16)));
+    __m128 u = _mm_shuffle_ps(r1, r2, _MM_SHUFFLE(1, 1, 2, 2));
+    __m128i w0 = _mm_castps_si128(_mm_shuffle_ps(r0, u, _MM_SHUFFLE(2, 0, 3, 0)));
+    __m128 v = _mm_shuffle_ps(r0, r1, _MM_SHUFFLE(0, 0, 1, 1));
+    __m128 w = _mm_shuffle_ps(r1, r2, _MM_SHUFFLE(2, 2, 3, 3));
+    __m128i w1 = _mm_castps_si128(_mm_shuffle_ps(v, w, _MM_SHUFFLE(2, 0, 2, 0)));
+    __m128 x = _mm_shuffle_ps(r0, r1, _MM_SHUFFLE(1, 1, 2, 2));
+    __m128i w2 = _mm_castps_si128(_mm_shuffle_ps(x, r2, _MM_SHUFFLE(3, 0, 2, 0)));
+    __m128i left = _mm_add_epi32(_mm_add_epi32(_mm_srai_epi32(_mm_slli_epi32(w0, 16), 16),
+                                               _mm_srai_epi32(w0, 16)),
+                                 _mm_srai_epi32(_mm_slli_epi32(w1, 16), 16));
+    __m128i right = _mm_add_epi32(_mm_add_epi32(_mm_srai_epi32(w1, 16),
+                                                _mm_srai_epi32(_mm_slli_epi32(w2, 16), 16)),
+                                  _mm_srai_epi32(w2, 16));
+    __m128i packed = _mm_packs_epi32(left, right);
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 2 * k),
+                     _mm_unpacklo_epi16(packed, _mm_unpackhi_epi64(packed, packed)));
+  }
+#endif
+  for (; k < groups; k++, s += 6) {
     out[2 * k] = clip16(s[0] + s[1] + s[2]);
     out[2 * k + 1] = clip16(s[3] + s[4] + s[5]);
   }
@@ -260,6 +408,14 @@ int32_t copy_fold_six(travik_resample *r, int16_t *out, int32_t count) {
   r->source += t;
   r->available -= t;
   return t / 3;
+}
+
+int32_t copy_fold_six(travik_resample *r, int16_t *out, int32_t count) {
+  return fold_six<true>(r, out, count);
+}
+
+int32_t ref_copy_fold_six(travik_resample *r, int16_t *out, int32_t count) {
+  return fold_six<false>(r, out, count);
 }
 
 int32_t copy_mono(travik_resample *r, int16_t *out, int32_t count) {
@@ -289,7 +445,8 @@ int32_t convert_nothing(travik_resample *r, int16_t *, int32_t) {
 }
 
 bool interpolating(const travik_resample *r) {
-  return r->convert != copy_stereo && r->convert != copy_fold_six && r->convert != copy_mono &&
+  return r->convert != copy_stereo && r->convert != copy_fold_six &&
+         r->convert != ref_copy_fold_six && r->convert != copy_mono &&
          r->convert != convert_nothing;
 }
 
@@ -335,6 +492,7 @@ void travik_resample_use_reference(travik_resample *r) {
   if (r->convert == fast_interp_stereo) r->convert = ref_interp_stereo;
   else if (r->convert == fast_interp_six) r->convert = ref_interp_six;
   else if (r->convert == fast_interp_mono) r->convert = ref_interp_mono;
+  else if (r->convert == copy_fold_six) r->convert = ref_copy_fold_six;
 }
 
 void travik_resample_setsource(travik_resample *r, const int16_t *data, int32_t count) {
