@@ -1,16 +1,36 @@
-# travik_add_plugin(KIND <kind> NAME <name> SOURCES <src>... [LIBRARIES <lib>...])
+# travik_add_plugin(KIND <kind> NAME <name> SOURCES <src>...
+#                   [LIBRARIES <lib>...] [INCLUDES <dir>...]
+#                   [TARGET <target>] [OUTPUT_DIRECTORY <dir>] [NO_INSTALL])
 #
-# Builds lib<kind>_<name>.so into <build>/plugins/<kind>/, so that the build
-# tree is itself a plugin directory (TRAVIK_PLUGINS_DIR=<build>/plugins), and
-# installs it into <prefix>/lib/travik-<version>/<kind>/. The plugin's entry
-# function must be travik_<kind>_<name> (see travik/plugin.h); every other
-# symbol stays hidden.
+# Builds the plugin file lib<kind>_<name>.so, whose entry function must be
+# travik_<kind>_<name> (declare it with TRAVIK_PLUGIN_EXPORT from
+# travik/common.h; see travik/plugin.h and the driver headers demuxer.h,
+# decoder.h, subtitle.h, font.h, audio.h, video.h).
 #
-# Used in-tree and, through the installed package config, by out-of-tree
-# plugins. TRAVIK_PLUGIN_BUILD_DIR and TRAVIK_PLUGIN_INSTALL_DIR may be set
-# by the caller to place plugins elsewhere.
+#   KIND       demuxer, decoder, audioout, videoout, subtitle or font.
+#   NAME       letters, digits and "_" only: the entry symbol is formed from
+#              the file name up to its first ".".
+#   SOURCES    the plugin's sources (C or C++).
+#   LIBRARIES  further libraries to link (third-party libraries are fine in
+#              plugins; their symbols are not re-exported).
+#   INCLUDES   further include directories.
+#   TARGET     the CMake target name (default <kind>_<name>); lets a project
+#              build two variants of one plugin file.
+#   OUTPUT_DIRECTORY  where the file goes (default
+#              ${TRAVIK_PLUGIN_BUILD_DIR}/<kind>, with TRAVIK_PLUGIN_BUILD_DIR
+#              defaulting to <build>/plugins). The default layout makes the
+#              build tree a plugin directory: TRAVIK_PLUGINS_DIR=<build>/plugins.
+#   NO_INSTALL do not install. Otherwise, when TRAVIK_PLUGIN_INSTALL_DIR is
+#              set (the installed package config sets it to the library's
+#              compiled-in plugin directory), the file is installed into
+#              ${TRAVIK_PLUGIN_INSTALL_DIR}/<kind>/.
+#
+# The plugin is built with hidden visibility and links travik::travik, so it
+# exports its entry function only. Used in-tree and, through the installed
+# package config (find_package(travik)), by out-of-tree plugins.
 function(travik_add_plugin)
-  cmake_parse_arguments(P "" "KIND;NAME" "SOURCES;LIBRARIES;INCLUDES" ${ARGN})
+  cmake_parse_arguments(P "NO_INSTALL" "KIND;NAME;TARGET;OUTPUT_DIRECTORY"
+    "SOURCES;LIBRARIES;INCLUDES" ${ARGN})
   if(NOT P_KIND OR NOT P_NAME OR NOT P_SOURCES)
     message(FATAL_ERROR "travik_add_plugin needs KIND, NAME and SOURCES")
   endif()
@@ -18,23 +38,35 @@ function(travik_add_plugin)
   if(NOT P_KIND IN_LIST known)
     message(FATAL_ERROR "travik_add_plugin: unknown kind '${P_KIND}' (one of: ${known})")
   endif()
+  if(NOT P_NAME MATCHES "^[A-Za-z0-9_]+$")
+    message(FATAL_ERROR "travik_add_plugin: NAME '${P_NAME}' may hold only letters, digits and '_'")
+  endif()
   if(NOT DEFINED TRAVIK_PLUGIN_BUILD_DIR)
     set(TRAVIK_PLUGIN_BUILD_DIR "${CMAKE_BINARY_DIR}/plugins")
   endif()
+  if(NOT P_OUTPUT_DIRECTORY)
+    set(P_OUTPUT_DIRECTORY "${TRAVIK_PLUGIN_BUILD_DIR}/${P_KIND}")
+  endif()
   set(target ${P_KIND}_${P_NAME})
+  if(P_TARGET)
+    set(target ${P_TARGET})
+  endif()
   add_library(${target} MODULE ${P_SOURCES})
   set_target_properties(${target} PROPERTIES
     PREFIX "lib"
+    SUFFIX ".so"
     OUTPUT_NAME ${P_KIND}_${P_NAME}
-    LIBRARY_OUTPUT_DIRECTORY "${TRAVIK_PLUGIN_BUILD_DIR}/${P_KIND}"
+    LIBRARY_OUTPUT_DIRECTORY "${P_OUTPUT_DIRECTORY}"
     C_VISIBILITY_PRESET hidden
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
+  # Symbols of static libraries linked in stay inside the plugin.
+  target_link_options(${target} PRIVATE -Wl,--exclude-libs,ALL)
   target_link_libraries(${target} PRIVATE travik::travik ${P_LIBRARIES})
   if(P_INCLUDES)
     target_include_directories(${target} PRIVATE ${P_INCLUDES})
   endif()
-  if(DEFINED TRAVIK_PLUGIN_INSTALL_DIR)
+  if(DEFINED TRAVIK_PLUGIN_INSTALL_DIR AND NOT P_NO_INSTALL)
     install(TARGETS ${target} LIBRARY DESTINATION "${TRAVIK_PLUGIN_INSTALL_DIR}/${P_KIND}")
   endif()
 endfunction()

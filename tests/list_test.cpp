@@ -334,6 +334,7 @@ TEST_F(List, ConcurrentProducersAndConsumers) {
   std::atomic<int> consumed{0};
   std::atomic<long long> sum{0};
   std::atomic<bool> stop{false};
+  std::atomic<int> exited{0};
   std::vector<std::thread> threads;
   for (int p = 0; p < 2; p++) {
     threads.emplace_back([&] {
@@ -349,6 +350,7 @@ TEST_F(List, ConcurrentProducersAndConsumers) {
         consumed++;
         travik_listitem_free(item);
       }
+      exited++;
     });
   }
   long long start = travik_test::now_ms();
@@ -356,13 +358,13 @@ TEST_F(List, ConcurrentProducersAndConsumers) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   stop = true;
-  for (int c = 0; c < 4; c++) travik_list_cancel_lock(&a);
-  for (auto &t : threads) {
-    while (t.joinable()) {
-      travik_list_cancel_lock(&a);
-      t.join();
-    }
+  // A cancel that comes while nobody waits is lost: keep cancelling until
+  // both consumers have seen the stop flag.
+  while (exited < 2 && travik_test::now_ms() - start < 40000) {
+    travik_list_cancel_lock(&a);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  for (auto &t : threads) t.join();
   EXPECT_EQ(consumed, 2 * kPerProducer);
   EXPECT_EQ(sum, 2LL * kPerProducer * (kPerProducer + 1) / 2);
   EXPECT_EQ(a.count, 0);

@@ -22,6 +22,7 @@ struct Recorder {
   std::atomic<int> resets{0};
   std::atomic<bool> block_in_run{false};
   std::atomic<bool> released{false};
+  std::atomic<bool> hold_start{false};  // START waits while this is set
 
   void add(int code) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -37,6 +38,11 @@ int32_t body(void *arg, int32_t code) {
   auto *r = static_cast<Recorder *>(arg);
   r->add(code);
   switch (code) {
+    case TRAVIK_THREAD_START: {
+      long long start = travik_test::now_ms();
+      while (r->hold_start && travik_test::now_ms() - start < 10000) travik_sleep(1);
+      break;
+    }
     case TRAVIK_THREAD_RUN:
       r->runs++;
       if (r->block_in_run) {
@@ -97,10 +103,19 @@ TEST(Thread, StartsPaused) {
 
 TEST(Thread, PlayOnAFreshThreadWaitsForTheAcknowledgement) {
   Recorder r;
+  r.hold_start = true;  // keeps the worker from adopting its first request
   travik_thread *t = travik_thread_create(body, &r);
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    r.hold_start = false;
+  });
+  long long start = travik_test::now_ms();
+  EXPECT_EQ(travik_thread_getstate(t), TRAVIK_THREAD_STATE_NEW);
   EXPECT_EQ(travik_thread_play(t), 0);
   // The acknowledgement comes when the loop adopts the request.
   EXPECT_EQ(travik_thread_getstate(t), TRAVIK_THREAD_STATE_PLAYING);
+  EXPECT_GE(travik_test::now_ms() - start, 45);
+  releaser.join();
   EXPECT_TRUE(wait_for([&] { return r.runs > 3; }));
   travik_thread_destroy(t);
 }

@@ -6,17 +6,24 @@
 #ifndef TRAVIK_TRAVIK_H
 #define TRAVIK_TRAVIK_H
 
+#include <travik/bytes.h>
 #include <travik/common.h>
 #include <travik/config.h>
+#include <travik/decoder.h>
+#include <travik/demuxer.h>
+#include <travik/font.h>
 #include <travik/frame.h>
+#include <travik/io.h>
 #include <travik/list.h>
 #include <travik/metadata.h>
 #include <travik/pitch.h>
 #include <travik/plugin.h>
 #include <travik/queue.h>
 #include <travik/resample.h>
+#include <travik/subtitle.h>
 #include <travik/system.h>
 #include <travik/thread.h>
 #include <travik/timeval.h>
+#include <travik/url.h>
 
 #endif /* TRAVIK_TRAVIK_H */
