@@ -6,6 +6,7 @@
 #ifndef TRAVIK_TRAVIK_H
 #define TRAVIK_TRAVIK_H
 
+#include <travik/audio.h>
 #include <travik/bytes.h>
 #include <travik/common.h>
 #include <travik/config.h>
