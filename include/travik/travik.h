@@ -8,6 +8,7 @@
 
 #include <travik/audio.h>
 #include <travik/bytes.h>
+#include <travik/codec.h>
 #include <travik/common.h>
 #include <travik/config.h>
 #include <travik/decoder.h>
