@@ -59,6 +59,77 @@ typedef struct travik_decoder_driver {
 TRAVIK_API int travik_decoder_plugins_init(void);
 TRAVIK_API int travik_decoder_plugins_destroy(void);
 
+/*
+ * The decoder framework.
+ *
+ * travik_decoder_create_by_name() chooses a driver for a stream: one
+ * registered by the application for the stream's codec number first, then
+ * the decoder plugin with the highest priority for that codec (or, given a
+ * name, the plugin file libdecoder_<name>.so). The caller feeds one packet
+ * at a time with travik_decoder_setsource() and calls travik_decoder_decode()
+ * until travik_decoder_empty(); frames are made through the decoder's frame
+ * allocator and the first frame of a packet gets the packet's time.
+ */
+#include <pthread.h>
+#include <travik/demuxer.h>
+#include <travik/frame.h>
+
+/* Codec numbers below this may have a registered driver. */
+#define TRAVIK_DECODER_REGISTERED_MAX 128
+
+/* Frame allocator. `alloc` is called with the allocator's `user` and a
+ * template frame (a travik_videoframe or travik_audioframe describing what
+ * is wanted) and returns a new frame or NULL; `destroy` frees the record. */
+typedef struct travik_decoder_allocator travik_decoder_allocator;
+struct travik_decoder_allocator {
+  void *user;
+  void *(*alloc)(void *user, void *templ);
+  void (*destroy)(travik_decoder_allocator *allocator);
+};
+
+typedef struct travik_decoder travik_decoder;
+struct travik_decoder {
+  travik_stream *stream;      /* what is decoded; drivers read its info in open */
+  travik_plugin *plugin;      /* NULL for a registered driver */
+  const travik_decoder_driver *driver;
+  void *state;                /* the driver's private state */
+  travik_decoder_allocator *allocator;  /* owned */
+  travik_packet *packet;      /* the packet being decoded (not owned) */
+  int64_t pts;                /* the packet's time still to be given, -1 when used */
+  uint8_t *data;              /* read position in the payload */
+  int32_t remaining;          /* bytes left; -1 when there is no packet */
+  uint32_t flags;             /* packet flags still to be passed on */
+  pthread_mutex_t lock;
+};
+
+/* Makes `driver` the one used for `codec` (below 128) in preference to any
+ * plugin. Meant for application start-up. */
+TRAVIK_API void travik_decoder_register_driver(int32_t codec, const travik_decoder_driver *driver);
+/* The default frame allocator of a stream type: video frames for 2, audio
+ * frames for 1 (travik_videoframe_alloc, travik_audioframe_alloc), no
+ * `alloc` for any other type. */
+TRAVIK_API travik_decoder_allocator *travik_decoder_allocator_create(int32_t type);
+/* Takes ownership of `allocator` (NULL: the default for the stream's type),
+ * also when it fails: NULL when no driver can decode the stream, and then
+ * the allocator has been destroyed. Prints "Decoder driver name = <driver
+ * description>" when a plugin's driver is chosen. */
+TRAVIK_API travik_decoder *travik_decoder_create(travik_stream *stream,
+                                                 travik_decoder_allocator *allocator);
+TRAVIK_API travik_decoder *travik_decoder_create_by_name(travik_stream *stream,
+                                                         travik_decoder_allocator *allocator,
+                                                         const char *name);
+/* Makes `packet` current; unconsumed packet flags are kept. */
+TRAVIK_API void travik_decoder_setsource(travik_decoder *decoder, travik_packet *packet);
+/* Feeds the driver until it produces a frame (stored in *frame, else NULL)
+ * or is done with the packet; 0 when it consumed input, 1 otherwise. */
+TRAVIK_API int32_t travik_decoder_decode(travik_decoder *decoder, void *argument, void **frame);
+/* 1 when the current packet is used up. */
+TRAVIK_API int32_t travik_decoder_empty(travik_decoder *decoder);
+/* Forgets the packet and the driver's buffered data (after a seek). */
+TRAVIK_API void travik_decoder_reset(travik_decoder *decoder);
+/* Closes the driver and frees the decoder; the current packet is the caller's. */
+TRAVIK_API void travik_decoder_destroy(travik_decoder *decoder);
+
 TRAVIK_END_DECLS
 
 #endif /* TRAVIK_DECODER_H */

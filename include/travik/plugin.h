@@ -2,11 +2,13 @@
  * travik - the plugin manager and library start-up.
  *
  * A plugin is a shared object <plugin dir>/<kind>/lib<name>.so whose entry
- * function travik_<name>() calls travik_plugin_register() with its kind,
- * TRAVIK_PLUGIN_VERSION and a NULL-terminated array of driver records (the
- * record layout of each kind is in its own header). For each kind with a
- * cache, what every plugin file offers is kept in <base dir>/<kind>.cfg so
- * that start-up need not load every plugin.
+ * function travik_<name>() (<name> running up to the file name's first ".")
+ * calls travik_plugin_register() with its kind, TRAVIK_PLUGIN_VERSION and a
+ * NULL-terminated array of driver records (the record layout of each kind
+ * is in its own header). Plugin files are named lib<kind>_<name>.so, so
+ * entry functions are travik_<kind>_<name> and never clash across kinds.
+ * For each kind with a cache, what every plugin file offers is kept in
+ * <base dir>/<kind>.cfg so that start-up need not load every plugin.
  */
 #ifndef TRAVIK_PLUGIN_H
 #define TRAVIK_PLUGIN_H

@@ -6,7 +6,9 @@
 #ifndef TRAVIK_TRAVIK_H
 #define TRAVIK_TRAVIK_H
 
+#include <travik/audio.h>
 #include <travik/bytes.h>
+#include <travik/codec.h>
 #include <travik/common.h>
 #include <travik/config.h>
 #include <travik/decoder.h>
@@ -16,8 +18,10 @@
 #include <travik/io.h>
 #include <travik/list.h>
 #include <travik/metadata.h>
+#include <travik/pitch.h>
 #include <travik/plugin.h>
 #include <travik/queue.h>
+#include <travik/resample.h>
 #include <travik/scale.h>
 #include <travik/subtitle.h>
 #include <travik/system.h>

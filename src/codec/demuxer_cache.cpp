@@ -4,22 +4,11 @@
 
 #include <travik/demuxer.h>
 
-#include <cstdio>
-
 #include "plugin/plugin_internal.h"
 
 namespace {
 
 travik_config *cache = nullptr;
-
-int32_t describe(void *drivers, const char *section, travik_config *config) {
-  return travik_plugin_describe_table<travik_demuxer_driver>(
-      drivers, section, config, [&](const travik_demuxer_driver &driver, int32_t i) {
-        char key[48];
-        std::snprintf(key, sizeof key, "Extensions[%d]", static_cast<int>(i));
-        travik_config_write(config, section, key, driver.extensions);
-      });
-}
 
 }  // namespace
 
@@ -29,7 +18,8 @@ extern "C" {
 
 int travik_demuxer_plugins_init(void) {
   if (cache) travik_config_destroy(cache);
-  cache = travik_plugin_loadconfig("demuxer", TRAVIK_PLUGIN_DEMUXER, TRAVIK_PLUGIN_VERSION, describe);
+  cache = travik_plugin_loadconfig("demuxer", TRAVIK_PLUGIN_DEMUXER, TRAVIK_PLUGIN_VERSION,
+                                   travik_plugin_describe_extensions<travik_demuxer_driver>);
   return 0;
 }
 

@@ -42,7 +42,7 @@ uint32_t read_be(travik_io *io, int count) {
                                       : 0xFFFFFFFFu;
 }
 
-const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // 256 entries: the value of each alphabet character, 64 for every other byte.
 struct DecodeTable {

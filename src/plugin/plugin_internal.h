@@ -28,3 +28,16 @@ int32_t travik_plugin_describe_table(void *drivers, const char *section, travik_
   }
   return count;
 }
+
+// The describe callback of the kinds whose drivers list file extensions
+// (demuxer, subtitle, font): "Description[i]" and "Extensions[i]".
+template <typename Driver>
+int32_t travik_plugin_describe_extensions(void *drivers, const char *section,
+                                          travik_config *config) {
+  return travik_plugin_describe_table<Driver>(
+      drivers, section, config, [&](const Driver &driver, int32_t i) {
+        char key[48];
+        std::snprintf(key, sizeof key, "Extensions[%d]", static_cast<int>(i));
+        travik_config_write(config, section, key, driver.extensions);
+      });
+}

@@ -19,3 +19,18 @@ cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >"$wor
 cmake --build "$work/cmake-build" >"$work/build.log"
 LD_LIBRARY_PATH="$prefix/lib" "$work/cmake-build/app"
 echo "install consumer: ok"
+
+# An out-of-tree plugin (the SDK example) built with the installed package's
+# travik_add_plugin, then found and loaded by an installed-library program.
+example=$4
+cmake -S "$example" -B "$work/plugin-build" -DCMAKE_PREFIX_PATH="$prefix" >"$work/plugin-configure.log"
+cmake --build "$work/plugin-build" >"$work/plugin-build.log"
+plugin=$work/plugin-build/plugins/demuxer/libdemuxer_example.so
+exports=$(nm -D --defined-only "$plugin" | awk '$2 != "A" { print $3 }')
+[ "$exports" = "travik_demuxer_example" ] || { echo "plugin exports: $exports"; exit 1; }
+cc -std=c99 -Wall -Werror -o "$work/plugin-app" "$consumer/../plugin_consumer.c" \
+  $(pkg-config --cflags --libs travik)
+mkdir -p "$work/home"
+HOME="$work/home" TRAVIK_PLUGINS_DIR="$work/plugin-build/plugins" \
+  LD_LIBRARY_PATH="$prefix/lib" "$work/plugin-app"
+echo "install plugin: ok"
