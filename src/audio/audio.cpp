@@ -6,55 +6,17 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/filters.h"
 #include "base/relaxed.h"
+#include "plugin/output.h"
 
 namespace {
 
 const char kSource[] = "audio";
 
-struct FilterEntry {
-  travik_audio_filter_fn function;
-  void *argument;
-};
-
-// ---- choosing a plugin ---------------------------------------------------
-
-struct Search {
-  const char *name;
-  bool automatic;
-  travik_plugin *best;
-  int32_t score;
-};
-
-int32_t consider_candidate(const char *path, void *user) {
-  auto *search = static_cast<Search *>(user);
-  // A named driver already found: later candidates are not wanted.
-  if (!search->automatic && search->score == 100) return 1;
-  travik_plugin *plugin = travik_plugin_create(path, TRAVIK_PLUGIN_AUDIOOUT, TRAVIK_PLUGIN_VERSION);
-  if (!plugin) return 0;
-  auto *table = static_cast<travik_audio_driver *>(plugin->drivers);
-  if (!table || !table->name) {
-    travik_plugin_destroy(plugin);
-    return 0;
-  }
-  if (search->automatic) {
-    int32_t score = table->probe ? table->probe(nullptr, table) : 0;
-    if (score > search->score) {
-      if (search->best) travik_plugin_destroy(search->best);
-      search->best = plugin;
-      search->score = score;
-    } else {
-      travik_plugin_destroy(plugin);
-    }
-    return 0;
-  }
-  if (strcmp(table->name, search->name) == 0) {
-    search->best = plugin;
-    search->score = 100;
-    return 1;
-  }
-  travik_plugin_destroy(plugin);
-  return 0;
+int32_t probe_score(void *table) {
+  auto *driver = static_cast<travik_audio_driver *>(table);
+  return driver->probe ? driver->probe(nullptr, driver) : 0;
 }
 
 // ---- arithmetic -----------------------------------------------------------
@@ -152,12 +114,7 @@ void hand_on(travik_audio *audio, PlayState &state, int32_t bytes) {
   record.samples = reinterpret_cast<int16_t *>(audio->buffer);
   record.count = bytes / 2;
   record.tag = state.tag;
-  pthread_mutex_lock(&audio->filters.mutex);
-  for (void *item = audio->filters.first; item; item = travik_listitem_getnext(item)) {
-    auto *entry = static_cast<FilterEntry *>(item);
-    entry->function(entry->argument, &record);
-  }
-  pthread_mutex_unlock(&audio->filters.mutex);
+  travik_filters_run<travik_audio_filter_fn>(&audio->filters, &record);
   if (state.rate > 0 && state.channels > 0) {
     uint64_t product = static_cast<uint64_t>(bytes / 2) * 1000000u;
     state.timestamp += static_cast<int64_t>(product) / state.rate / state.channels;
@@ -170,10 +127,7 @@ void hand_on(travik_audio *audio, PlayState &state, int32_t bytes) {
 extern "C" {
 
 travik_plugin *travik_audio_load_driver(const char *name) {
-  if (!name) return nullptr;
-  Search search{name, strcmp(name, "auto") == 0, nullptr, 0};
-  travik_plugin_parsedir("audioout", consider_candidate, &search);
-  return search.best;
+  return travik_output_load_driver("audioout", TRAVIK_PLUGIN_AUDIOOUT, name, probe_score);
 }
 
 travik_audio *travik_audio_create(const char *name, void *argument) {
@@ -415,25 +369,14 @@ int travik_audio_fade(travik_audio *audio, int32_t mode, int32_t milliseconds) {
 int travik_audio_install_filter(travik_audio *audio, travik_audio_filter_fn function,
                                 void *argument) {
   if (!audio) return 1;
-  auto *entry = static_cast<FilterEntry *>(travik_listitem_alloc(sizeof(FilterEntry)));
-  entry->function = function;
-  entry->argument = argument;
-  travik_list_append_lock(&audio->filters, entry);
+  travik_filters_install(&audio->filters, function, argument);
   return 0;
 }
 
 int travik_audio_remove_filter(travik_audio *audio, travik_audio_filter_fn function,
                                void *argument) {
   if (!audio) return 1;
-  pthread_mutex_lock(&audio->filters.mutex);
-  void *item = audio->filters.first;
-  while (item) {
-    void *next = travik_listitem_getnext(item);
-    auto *entry = static_cast<FilterEntry *>(item);
-    if (entry->function == function && entry->argument == argument) travik_listitem_free(item);
-    item = next;
-  }
-  pthread_mutex_unlock(&audio->filters.mutex);
+  travik_filters_remove(&audio->filters, function, argument);
   return 0;
 }
 

@@ -4,53 +4,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/filters.h"
+#include "plugin/output.h"
+
 namespace {
 
-struct FilterEntry {
-  travik_video_filter_fn function;
-  void *argument;
-};
-
-struct Search {
-  const char *name;
-  bool automatic;
-  travik_plugin *best;
-  int32_t score;
-};
-
-// One plugin file of the "videoout" directories.
-int32_t consider_candidate(const char *path, void *user) {
-  auto *search = static_cast<Search *>(user);
-  travik_plugin *plugin = travik_plugin_create(path, TRAVIK_PLUGIN_VIDEOOUT, TRAVIK_PLUGIN_VERSION);
-  if (!plugin) return 0;
-  // Once a named driver has been found every later candidate goes.
-  if (!search->automatic && search->score == 100) {
-    travik_plugin_destroy(plugin);
-    return 1;
-  }
-  auto *table = static_cast<travik_video_driver *>(plugin->drivers);
-  if (!table || !table->name) {
-    travik_plugin_destroy(plugin);
-    return 0;
-  }
-  if (search->automatic) {
-    const int32_t score = table->probe ? table->probe(nullptr, table) : 0;
-    if (score > search->score) {
-      if (search->best) travik_plugin_destroy(search->best);
-      search->best = plugin;
-      search->score = score;
-    } else {
-      travik_plugin_destroy(plugin);
-    }
-    return 0;
-  }
-  if (std::strcmp(table->name, search->name) == 0) {
-    search->best = plugin;
-    search->score = 100;
-    return 1;
-  }
-  travik_plugin_destroy(plugin);
-  return 0;
+int32_t probe_score(void *table) {
+  auto *driver = static_cast<travik_video_driver *>(table);
+  return driver->probe ? driver->probe(nullptr, driver) : 0;
 }
 
 }  // namespace
@@ -58,10 +19,7 @@ int32_t consider_candidate(const char *path, void *user) {
 extern "C" {
 
 travik_plugin *travik_video_load_driver(const char *name) {
-  if (!name) return nullptr;
-  Search search{name, std::strcmp(name, "auto") == 0, nullptr, 0};
-  travik_plugin_parsedir("videoout", consider_candidate, &search);
-  return search.best;
+  return travik_output_load_driver("videoout", TRAVIK_PLUGIN_VIDEOOUT, name, probe_score);
 }
 
 travik_video *travik_video_create(const char *name, void *argument) {
@@ -155,12 +113,7 @@ int travik_video_draw(travik_video *video, int32_t x, int32_t y, int32_t width, 
   if (width == -1) width = frame->width;
   if (height == -1) height = frame->height;
   pthread_mutex_lock(&video->lock);
-  pthread_mutex_lock(&video->filters.mutex);
-  for (void *item = video->filters.first; item; item = travik_listitem_getnext(item)) {
-    auto *entry = static_cast<FilterEntry *>(item);
-    entry->function(entry->argument, frame);
-  }
-  pthread_mutex_unlock(&video->filters.mutex);
+  travik_filters_run<travik_video_filter_fn>(&video->filters, frame);
   video->driver->draw(video->handle, x, y, width, height, frame->planes, frame->pitches);
   pthread_mutex_unlock(&video->lock);
   return 0;
@@ -169,25 +122,14 @@ int travik_video_draw(travik_video *video, int32_t x, int32_t y, int32_t width, 
 int travik_video_install_filter(travik_video *video, travik_video_filter_fn function,
                                 void *argument) {
   if (!video) return 1;
-  auto *entry = static_cast<FilterEntry *>(travik_listitem_alloc(sizeof(FilterEntry)));
-  entry->function = function;
-  entry->argument = argument;
-  travik_list_append_lock(&video->filters, entry);
+  travik_filters_install(&video->filters, function, argument);
   return 0;
 }
 
 int travik_video_remove_filter(travik_video *video, travik_video_filter_fn function,
                                void *argument) {
   if (!video) return 1;
-  pthread_mutex_lock(&video->filters.mutex);
-  void *item = video->filters.first;
-  while (item) {
-    void *next = travik_listitem_getnext(item);
-    auto *entry = static_cast<FilterEntry *>(item);
-    if (entry->function == function && entry->argument == argument) travik_listitem_free(item);
-    item = next;
-  }
-  pthread_mutex_unlock(&video->filters.mutex);
+  travik_filters_remove(&video->filters, function, argument);
   return 0;
 }
 
