@@ -1,6 +1,9 @@
-// Argument text of the video-output plugins: comma-separated items, each a
-// bare word or key=value, such as "path=/tmp/out.y4m,fps=30".
+// What the video-output plugins share: their argument text (comma-separated
+// items, each a bare word or key=value, such as "path=/tmp/out.y4m,fps=30"),
+// heap picture memory and the draw/flip count queries.
 #pragma once
+
+#include <travik/video.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -56,6 +59,29 @@ inline int32_t alloc_yuv(uint8_t *planes[3], int32_t pitches[3], int32_t width, 
 
 inline void free_yuv(uint8_t *planes[3]) {
   if (planes) std::free(planes[0]);
+}
+
+// The allocbuffer and freebuffer operations of plugins whose pictures live
+// in heap memory.
+inline int32_t allocbuffer(void *, uint8_t *planes[3], int32_t pitches[3], int32_t width,
+                           int32_t height) {
+  return alloc_yuv(planes, pitches, width, height);
+}
+
+inline void freebuffer(void *, uint8_t *planes[3]) { free_yuv(planes); }
+
+// Answers TRAVIK_VIDEO_CONTROL_DRAWS and _FLIPS; 1 for any other command.
+inline int32_t control_counts(int32_t command, void *value, int32_t draws, int32_t flips) {
+  if (!value) return 1;
+  if (command == TRAVIK_VIDEO_CONTROL_DRAWS) {
+    *static_cast<int32_t *>(value) = draws;
+    return 0;
+  }
+  if (command == TRAVIK_VIDEO_CONTROL_FLIPS) {
+    *static_cast<int32_t *>(value) = flips;
+    return 0;
+  }
+  return 1;
 }
 
 }  // namespace videoout

@@ -67,26 +67,9 @@ void close(void *handle) {
   delete n;
 }
 
-int32_t allocbuffer(void *, uint8_t *planes[3], int32_t pitches[3], int32_t width,
-                    int32_t height) {
-  return videoout::alloc_yuv(planes, pitches, width, height);
-}
-
-void freebuffer(void *, uint8_t *planes[3]) { videoout::free_yuv(planes); }
-
 int32_t control(void *handle, int32_t command, void *value) {
   auto *n = static_cast<Null *>(handle);
-  if (!value) return 1;
-  switch (command) {
-    case TRAVIK_VIDEO_CONTROL_DRAWS:
-      *static_cast<int32_t *>(value) = n->draws;
-      return 0;
-    case TRAVIK_VIDEO_CONTROL_FLIPS:
-      *static_cast<int32_t *>(value) = n->flips;
-      return 0;
-    default:
-      return 1;
-  }
+  return videoout::control_counts(command, value, n->draws, n->flips);
 }
 
 int32_t draw(void *handle, int32_t, int32_t, int32_t, int32_t, uint8_t *planes[3],
@@ -114,8 +97,8 @@ int32_t flip(void *handle) {
 int32_t getdelay(void *) { return 0; }
 
 travik_video_driver drivers[] = {
-    {"null", nullptr, probe, open, init, close, allocbuffer, freebuffer, control, draw, flip,
-     getdelay},
+    {"null", nullptr, probe, open, init, close,
+     videoout::allocbuffer, videoout::freebuffer, control, draw, flip, getdelay},
     {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
      nullptr, nullptr}};
 

@@ -57,25 +57,9 @@ void close(void *handle) {
   delete p;
 }
 
-int32_t allocbuffer(void *, uint8_t *planes[3], int32_t pitches[3], int32_t width,
-                    int32_t height) {
-  return videoout::alloc_yuv(planes, pitches, width, height);
-}
-
-void freebuffer(void *, uint8_t *planes[3]) { videoout::free_yuv(planes); }
-
 int32_t control(void *handle, int32_t command, void *value) {
   auto *p = static_cast<Png *>(handle);
-  if (!value) return 1;
-  if (command == TRAVIK_VIDEO_CONTROL_DRAWS) {
-    *static_cast<int32_t *>(value) = p->draws;
-    return 0;
-  }
-  if (command == TRAVIK_VIDEO_CONTROL_FLIPS) {
-    *static_cast<int32_t *>(value) = p->flips;
-    return 0;
-  }
-  return 1;
+  return videoout::control_counts(command, value, p->draws, p->flips);
 }
 
 // Copies a plane into `out` (pw x ph), repeating its last column and row.
@@ -152,8 +136,8 @@ int32_t flip(void *handle) {
 int32_t getdelay(void *) { return 0; }
 
 travik_video_driver drivers[] = {
-    {"png", nullptr, probe, open, init, close, allocbuffer, freebuffer, control, draw, flip,
-     getdelay},
+    {"png", nullptr, probe, open, init, close,
+     videoout::allocbuffer, videoout::freebuffer, control, draw, flip, getdelay},
     {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
      nullptr, nullptr}};
 

@@ -80,25 +80,9 @@ void close(void *handle) {
   delete s;
 }
 
-int32_t allocbuffer(void *, uint8_t *planes[3], int32_t pitches[3], int32_t width,
-                    int32_t height) {
-  return videoout::alloc_yuv(planes, pitches, width, height);
-}
-
-void freebuffer(void *, uint8_t *planes[3]) { videoout::free_yuv(planes); }
-
 int32_t control(void *handle, int32_t command, void *value) {
   auto *s = static_cast<Sdl *>(handle);
-  if (!value) return 1;
-  if (command == TRAVIK_VIDEO_CONTROL_DRAWS) {
-    *static_cast<int32_t *>(value) = s->draws;
-    return 0;
-  }
-  if (command == TRAVIK_VIDEO_CONTROL_FLIPS) {
-    *static_cast<int32_t *>(value) = s->flips;
-    return 0;
-  }
-  return 1;
+  return videoout::control_counts(command, value, s->draws, s->flips);
 }
 
 int32_t draw(void *handle, int32_t, int32_t, int32_t width, int32_t height, uint8_t *planes[3],
@@ -141,8 +125,8 @@ int32_t flip(void *handle) {
 int32_t getdelay(void *) { return 0; }
 
 travik_video_driver drivers[] = {
-    {"sdl", nullptr, probe, open, init, close, allocbuffer, freebuffer, control, draw, flip,
-     getdelay},
+    {"sdl", nullptr, probe, open, init, close,
+     videoout::allocbuffer, videoout::freebuffer, control, draw, flip, getdelay},
     {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
      nullptr, nullptr}};
 

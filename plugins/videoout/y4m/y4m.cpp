@@ -53,25 +53,9 @@ void close(void *handle) {
   delete y;
 }
 
-int32_t allocbuffer(void *, uint8_t *planes[3], int32_t pitches[3], int32_t width,
-                    int32_t height) {
-  return videoout::alloc_yuv(planes, pitches, width, height);
-}
-
-void freebuffer(void *, uint8_t *planes[3]) { videoout::free_yuv(planes); }
-
 int32_t control(void *handle, int32_t command, void *value) {
   auto *y = static_cast<Y4m *>(handle);
-  if (!value) return 1;
-  if (command == TRAVIK_VIDEO_CONTROL_DRAWS) {
-    *static_cast<int32_t *>(value) = y->draws;
-    return 0;
-  }
-  if (command == TRAVIK_VIDEO_CONTROL_FLIPS) {
-    *static_cast<int32_t *>(value) = y->flips;
-    return 0;
-  }
-  return 1;
+  return videoout::control_counts(command, value, y->draws, y->flips);
 }
 
 void write_plane(FILE *f, const uint8_t *p, int32_t pitch, int32_t width, int32_t rows) {
@@ -113,8 +97,8 @@ int32_t flip(void *handle) {
 int32_t getdelay(void *) { return 0; }
 
 travik_video_driver drivers[] = {
-    {"y4m", nullptr, probe, open, init, close, allocbuffer, freebuffer, control, draw, flip,
-     getdelay},
+    {"y4m", nullptr, probe, open, init, close,
+     videoout::allocbuffer, videoout::freebuffer, control, draw, flip, getdelay},
     {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
      nullptr, nullptr}};
 
