@@ -5,18 +5,27 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 #include <travik/config.h>
 
 namespace {
 
+std::string directory;
+
+void remove_scratch() {
+  std::error_code error;
+  std::filesystem::remove_all(directory, error);
+}
+
+// A scratch directory for this fuzzing process, removed when it exits.
 std::string scratch(const char *suffix) {
-  static std::string directory;
   if (directory.empty()) {
     char name[] = "/tmp/travik-fuzz-config-XXXXXX";
     if (!mkdtemp(name)) abort();
     directory = name;
+    atexit(remove_scratch);
   }
   return directory + "/" + suffix;
 }
