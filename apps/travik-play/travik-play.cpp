@@ -97,16 +97,24 @@ struct Options {
   const char *input = nullptr;
 };
 
+// Options may come before or after the input; "--" ends them.
 // 0 on success, 2 after printing a usage error, -1 after printing help.
 int parse_options(int argc, char **argv, Options *options) {
-  int i = 1;
-  for (; i < argc; i++) {
+  bool more_options = true;
+  for (int i = 1; i < argc; i++) {
     const char *arg = argv[i];
-    if (strcmp(arg, "--") == 0) {
-      i++;
-      break;
+    if (more_options && strcmp(arg, "--") == 0) {
+      more_options = false;
+      continue;
     }
-    if (arg[0] != '-' || arg[1] == '\0') break;
+    if (!more_options || arg[0] != '-' || arg[1] == '\0') {
+      if (options->input) {
+        error("one file or URL at a time (\"%s\" is one too many)", arg);
+        return 2;
+      }
+      options->input = arg;
+      continue;
+    }
     if (strcmp(arg, "-h") == 0 || strcmp(arg, "--help") == 0) {
       usage(stdout);
       return -1;
@@ -126,15 +134,10 @@ int parse_options(int argc, char **argv, Options *options) {
     error("unknown option \"%s\" (see %s -h)", arg, kName);
     return 2;
   }
-  if (i >= argc) {
+  if (!options->input) {
     error("no file or URL to play (see %s -h)", kName);
     return 2;
   }
-  if (i + 1 < argc) {
-    error("one file or URL at a time (\"%s\" is one too many)", argv[i + 1]);
-    return 2;
-  }
-  options->input = argv[i];
   return 0;
 }
 
