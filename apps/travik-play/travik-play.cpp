@@ -539,6 +539,11 @@ int run(const Options &options) {
       return 1;
     }
     session.write_bytes = session.audio->driver->bufsize;
+    // "auto" falls back on the silent output when no sound device opens.
+    if (options.audio.name == "auto" && strcmp(session.audio->driver->name, "null") == 0 &&
+        !options.quiet)
+      fprintf(stderr, "%s: no sound device found: playing silently (\"null\" audio output)\n",
+              kName);
   }
 #ifdef TRAVIK_PLAY_VIDEO
   if (video_stream) {
