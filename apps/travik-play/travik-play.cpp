@@ -242,6 +242,7 @@ travik_decoder *create_decoder(travik_stream *stream, bool quiet) {
 const char *argument_hint(const std::string &name) {
   if (name == "wav") return " (it needs a file name: -a wav:out.wav)";
   if (name == "y4m") return " (it needs a file name: -v y4m:out.y4m)";
+  if (name == "png") return " (it needs a directory: -v png:dir=frames or -v png:/tmp/frames)";
   return "";
 }
 
@@ -552,6 +553,9 @@ int run(const Options &options) {
       session.close();
       return 1;
     }
+    if (options.video.name == "auto" && strcmp(session.video->driver->name, "null") == 0 &&
+        !options.quiet)
+      fprintf(stderr, "%s: no display found: showing nothing (\"null\" video output)\n", kName);
   }
 #endif
 
