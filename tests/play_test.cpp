@@ -353,4 +353,156 @@ TEST(Play, HelpListsTheOptions) {
       << r.out;
 }
 
+TEST(Play, VideoOutputIsNotOpenedForAudio) {
+  TempDir dir;
+  write_file(dir.file("in.wav"), wav_file(8000, 1, 16, noise(100, 15)));
+  Result r = play(dir, {"-q", "-a", "null", "-v", "no-such-display", dir.file("in.wav")});
+  EXPECT_EQ(r.status, 0) << r.err;
+}
+
+#if __has_include(<travik/video.h>)
+
+// A YUV4MPEG2 file of `frames` 4:2:0 pictures of noise; the pictures'
+// bytes (Y, U, V of each, without the FRAME lines) go to `pictures`.
+std::string y4m_file(int width, int height, const char *rate, int frames,
+                     std::vector<std::string> *pictures) {
+  std::string s = "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F" +
+                  rate + " Ip A1:1 C420jpeg\n";
+  size_t bytes = static_cast<size_t>(width * height + 2 * ((width + 1) / 2) * ((height + 1) / 2));
+  for (int i = 0; i < frames; i++) {
+    std::string picture = noise(bytes, 100 + static_cast<uint32_t>(i));
+    pictures->push_back(picture);
+    s += "FRAME\n" + picture;
+  }
+  return s;
+}
+
+// The pictures of a YUV4MPEG2 file whose frame lines are plain "FRAME".
+std::vector<std::string> read_y4m(const std::string &path, int width, int height,
+                                  std::string *header) {
+  std::string s = read_file(path);
+  std::vector<std::string> pictures;
+  size_t at = s.find('\n');
+  if (at == std::string::npos) return pictures;
+  *header = s.substr(0, at);
+  at++;
+  size_t bytes = static_cast<size_t>(width * height + 2 * ((width + 1) / 2) * ((height + 1) / 2));
+  while (at + 6 + bytes <= s.size() && s.compare(at, 6, "FRAME\n") == 0) {
+    pictures.push_back(s.substr(at + 6, bytes));
+    at += 6 + bytes;
+  }
+  EXPECT_EQ(at, s.size()) << "bytes after the last whole picture";
+  return pictures;
+}
+
+TEST(Play, Y4mThroughTheY4mOutputPictureForPicture) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  write_file(dir.file("in.y4m"), y4m_file(32, 16, "25:1", 6, &pictures));
+  Result r = play(dir, {"-q", "-v", "y4m:" + dir.file("out.y4m"), dir.file("in.y4m")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string header;
+  std::vector<std::string> out = read_y4m(dir.file("out.y4m"), 32, 16, &header);
+  EXPECT_EQ(header.rfind("YUV4MPEG2 W32 H16 ", 0), 0u) << header;
+  ASSERT_EQ(out.size(), pictures.size());
+  for (size_t i = 0; i < out.size(); i++) EXPECT_TRUE(out[i] == pictures[i]) << "picture " << i;
+}
+
+TEST(Play, Y4mOfOddSizeKeepsEveryPixel) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  write_file(dir.file("in.y4m"), y4m_file(18, 10, "50:1", 3, &pictures));
+  Result r = play(dir, {"-q", "-v", "y4m:path=" + dir.file("out.y4m"), dir.file("in.y4m")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string header;
+  std::vector<std::string> out = read_y4m(dir.file("out.y4m"), 18, 10, &header);
+  EXPECT_EQ(header.rfind("YUV4MPEG2 W18 H10 ", 0), 0u) << header;
+  ASSERT_EQ(out.size(), pictures.size());
+  for (size_t i = 0; i < out.size(); i++) EXPECT_TRUE(out[i] == pictures[i]) << "picture " << i;
+}
+
+TEST(Play, VideoIsPacedByTheTimestamps) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  // Six pictures at 10 per second: the last is due 0.5 s after the first.
+  write_file(dir.file("in.y4m"), y4m_file(16, 16, "10:1", 6, &pictures));
+  Result r = play(dir, {"-q", "-v", "null", dir.file("in.y4m")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_GE(r.elapsed_ms, 450);
+}
+
+TEST(Play, Y4mThroughThePngOutputOneFilePerPicture) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  write_file(dir.file("in.y4m"), y4m_file(16, 8, "50:1", 4, &pictures));
+  mkdir(dir.file("frames").c_str(), 0755);
+  Result r = play(dir, {"-q", "-v", "png:dir=" + dir.file("frames"), dir.file("in.y4m")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  for (int i = 1; i <= 4; i++) {
+    char name[32];
+    snprintf(name, sizeof name, "frame%06d.png", i);
+    std::string png = read_file(dir.file("frames") + "/" + name);
+    EXPECT_EQ(png.substr(0, 8), std::string("\x89PNG\r\n\x1a\n", 8)) << name;
+  }
+  EXPECT_FALSE(exists(dir.file("frames") + "/frame000005.png"));
+}
+
+TEST(Play, Y4mSummary) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  write_file(dir.file("in.y4m"), y4m_file(32, 16, "25:1", 6, &pictures));
+  Result r = play(dir, {"-v", "null", dir.file("in.y4m")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.substr(0, r.out.find('\n')),
+            dir.file("in.y4m") +
+                ": YUV4MPEG2 demuxer (4:2:0), 0:00.240; video: raw YUV 4:2:0, 32x16, 25.00 fps");
+}
+
+TEST(Play, UnknownVideoDriver) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  write_file(dir.file("in.y4m"), y4m_file(16, 16, "25:1", 1, &pictures));
+  Result r = play(dir, {"-q", "-v", "hologram", dir.file("in.y4m")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("travik-play: no video output called \"hologram\""), std::string::npos)
+      << r.err;
+}
+
+TEST(Play, Y4mOutputNeedsAFileName) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  write_file(dir.file("in.y4m"), y4m_file(16, 16, "25:1", 1, &pictures));
+  Result r = play(dir, {"-q", "-v", "y4m", dir.file("in.y4m")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("travik-play: cannot open video output \"y4m\" (it needs a file name: "
+                       "-v y4m:out.y4m)"),
+            std::string::npos)
+      << r.err;
+}
+
+TEST(Play, Y4mWithoutAValidHeader) {
+  TempDir dir;
+  write_file(dir.file("bad.y4m"), "YUV4MPEG2 W0 H0\nFRAME\n");
+  Result r = play(dir, {"-q", "-v", "null", dir.file("bad.y4m")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find(dir.file("bad.y4m")), std::string::npos) << r.err;
+}
+
+TEST(Play, TruncatedY4mShowsTheWholePicturesAndFails) {
+  TempDir dir;
+  std::vector<std::string> pictures;
+  std::string file = y4m_file(16, 16, "50:1", 3, &pictures);
+  write_file(dir.file("in.y4m"), file.substr(0, file.size() - 10));
+  Result r = play(dir, {"-q", "-v", "y4m:" + dir.file("out.y4m"), dir.file("in.y4m")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("ended early"), std::string::npos) << r.err;
+  std::string header;
+  std::vector<std::string> out = read_y4m(dir.file("out.y4m"), 16, 16, &header);
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_TRUE(out[0] == pictures[0]);
+  EXPECT_TRUE(out[1] == pictures[1]);
+}
+
+#endif  // video output
+
 }  // namespace
