@@ -389,6 +389,13 @@ bool play_video_frame(Session *session, travik_videoframe *frame) {
     int32_t rate = session->stream->info.framerate;
     due = session->last_due_ms + (rate > 0 ? 100000 / rate : 40);
   }
+  // A jump in the timestamps (more than five seconds ahead, or back before
+  // the previous picture) starts the clock again at this picture.
+  if (due - now > 5000 || due < session->last_due_ms) {
+    session->first_pts = frame->timestamp >= 0 ? frame->timestamp : session->first_pts;
+    session->start_ms = now;
+    due = now;
+  }
   session->last_due_ms = due;
   sleep_ms(due - now);
   travik_video_flip(session->video);
