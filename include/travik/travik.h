@@ -22,10 +22,13 @@
 #include <travik/plugin.h>
 #include <travik/queue.h>
 #include <travik/resample.h>
+#include <travik/scale.h>
 #include <travik/subtitle.h>
 #include <travik/system.h>
 #include <travik/thread.h>
 #include <travik/timeval.h>
 #include <travik/url.h>
+#include <travik/video.h>
+#include <travik/yuv2rgb.h>
 
 #endif /* TRAVIK_TRAVIK_H */

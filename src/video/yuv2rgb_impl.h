@@ -1,0 +1,58 @@
+// Internals shared by the reference converter and its optimised routines.
+#pragma once
+
+#include <travik/yuv2rgb.h>
+
+namespace travik_video {
+
+// Shared clip tables, one per output depth, and the format that last built
+// each one (it decides the bit layout every converter of that depth gets).
+constexpr int kTable32Size = 1949;
+constexpr int kRedZero = 197;
+constexpr int kBlueZero = 197 + 685;
+constexpr int kGreenZero = 197 + 1364;
+constexpr int kTable8Size = 720;
+constexpr int kTable8Zero = 232;
+
+int32_t layout32();
+int32_t layout16();
+
+// The plain reference routine for rotation 0 of each output depth; the
+// optimised routines hand the columns they leave over to these.
+void convert32_plain(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                     int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+                     int32_t y_pitch, int32_t uv_pitch);
+void convert16_plain(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                     int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+                     int32_t y_pitch, int32_t uv_pitch);
+void convert16_plain_swap(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                          int32_t dst_pitch, const uint8_t *py, const uint8_t *pu,
+                          const uint8_t *pv, int32_t y_pitch, int32_t uv_pitch);
+void convert24(travik_yuv2rgb *c, int32_t blocks, int32_t height, uint8_t *dst,
+               int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+               int32_t y_pitch, int32_t uv_pitch);
+
+// Parameters of the vector routines: each chroma contribution of the tables,
+// off(d) for d = sample - 128, reproduced as a rounding high multiply
+// ((d << shift) * mul + 16384) >> 15; found and checked against all 256
+// table entries at creation.
+struct OffsetFormula {
+  int16_t mul;
+  int32_t shift;
+};
+struct SimdParams {
+  OffsetFormula red;    // from V
+  OffsetFormula green_u;
+  OffsetFormula green_v;
+  OffsetFormula blue;   // from U
+};
+
+// The level the processor offers and the level now allowed.
+int32_t simd_available();
+int32_t simd_level();
+
+// Picks the optimised rotation-0 plain routine for a converter at a level,
+// or NULL when there is none (the reference routine then stays).
+travik_yuv2rgb_fn simd_plain_routine(int32_t format, bool swap, int32_t level);
+
+}  // namespace travik_video

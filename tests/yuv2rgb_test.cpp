@@ -1,0 +1,654 @@
+#include <gtest/gtest.h>
+#include <travik/frame.h>
+#include <travik/yuv2rgb.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace {
+
+// ----- an independent model of the conversion
+
+int32_t div_round(int32_t a, int32_t b) {
+  return a > 0 ? (a + b / 2) / b : -((b / 2 - a) / b);
+}
+
+int clip(int t) {
+  const int v = (76309 * t + 32768) >> 16;
+  return v < 0 ? 0 : v > 255 ? 255 : v;
+}
+
+struct Rgb {
+  int r, g, b;
+};
+
+Rgb model(int row, int y, int u, int v) {
+  const int32_t *m = Inverse_Table_6_9[row];
+  const int offr = div_round(m[0] * (v - 128), 76309);
+  const int offb = div_round(m[1] * (u - 128), 76309);
+  const int offgu = div_round(-m[2] * (u - 128), 76309);
+  const int offgv = div_round(-m[3] * (v - 128), 76309);
+  return {clip(y + offr - 16), clip(y + offgu + offgv - 16), clip(y + offb - 16)};
+}
+
+uint32_t pack(int32_t format, Rgb c) {
+  switch (format) {
+    case TRAVIK_PIXEL_RGB32:
+      return (c.r << 16) | (c.g << 8) | c.b;
+    case TRAVIK_PIXEL_BGR32:
+      return (c.b << 16) | (c.g << 8) | c.r;
+    case TRAVIK_PIXEL_RGB666:
+      return ((c.r >> 2) << 12) | ((c.g >> 2) << 6) | (c.b >> 2);
+    case TRAVIK_PIXEL_RGB565:
+      return ((c.r >> 3) << 11) | ((c.g >> 2) << 5) | (c.b >> 3);
+    case TRAVIK_PIXEL_RGB555:
+      return ((c.r >> 3) << 10) | ((c.g >> 3) << 5) | (c.b >> 3);
+    default:
+      return (c.r << 16) | (c.g << 8) | c.b;
+  }
+}
+
+int bytes_of(int32_t format) {
+  switch (format) {
+    case TRAVIK_PIXEL_RGB565:
+    case TRAVIK_PIXEL_RGB555:
+      return 2;
+    case TRAVIK_PIXEL_RGB24:
+      return 3;
+    default:
+      return 4;
+  }
+}
+
+uint32_t read_pixel(const uint8_t *p, int bytes) {
+  if (bytes == 4) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+  }
+  if (bytes == 2) {
+    uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+  }
+  return (p[0] << 16) | (p[1] << 8) | p[2];  // red, green, blue bytes
+}
+
+// A 4:2:0 picture with padded pitches.
+struct Picture {
+  int width, height, y_pitch, uv_pitch;
+  std::vector<uint8_t> y, u, v;
+  Picture(int w, int h, uint32_t seed, int pad = 5)
+      : width(w), height(h), y_pitch(w + pad), uv_pitch((w + 1) / 2 + pad) {
+    std::mt19937 rng(seed);
+    y.resize(static_cast<size_t>(y_pitch) * h + 64);
+    u.resize(static_cast<size_t>(uv_pitch) * ((h + 1) / 2) + 64);
+    v.resize(u.size());
+    for (auto &b : y) b = static_cast<uint8_t>(rng());
+    for (auto &b : u) b = static_cast<uint8_t>(rng());
+    for (auto &b : v) b = static_cast<uint8_t>(rng());
+  }
+  void fill(int yv, int uv, int vv) {
+    std::fill(y.begin(), y.end(), yv);
+    std::fill(u.begin(), u.end(), uv);
+    std::fill(v.begin(), v.end(), vv);
+  }
+  int Y(int x, int r) const { return y[r * y_pitch + x]; }
+  int U(int x, int r) const { return u[(r / 2) * uv_pitch + x / 2]; }
+  int V(int x, int r) const { return v[(r / 2) * uv_pitch + x / 2]; }
+};
+
+struct Output {
+  int pitch;
+  std::vector<uint8_t> bytes;
+  Output(int width_bytes, int rows, int pad = 12)
+      : pitch(width_bytes + pad), bytes(static_cast<size_t>(pitch) * rows, 0xA5) {}
+  uint8_t *data() { return bytes.data(); }
+  const uint8_t *at(int x, int row, int bpp) const { return &bytes[row * pitch + x * bpp]; }
+};
+
+void convert(travik_yuv2rgb *c, int w, int h, Output &out, const Picture &p) {
+  travik_yuv2rgb_convert(c, w, h, out.data(), out.pitch, p.y.data(), p.u.data(), p.v.data(),
+                         p.y_pitch, p.uv_pitch);
+}
+
+const int32_t kFormats[] = {TRAVIK_PIXEL_RGB32,  TRAVIK_PIXEL_BGR32,  TRAVIK_PIXEL_RGB666,
+                            TRAVIK_PIXEL_RGB24,  TRAVIK_PIXEL_RGB565, TRAVIK_PIXEL_RGB555};
+
+// Restores the instruction-set level after a test changed it.
+class Yuv2Rgb : public ::testing::Test {
+ protected:
+  void SetUp() override { saved_ = travik_yuv2rgb_getsimd(); }
+  void TearDown() override {
+    travik_yuv2rgb_setsimd(saved_);
+    travik_yuv2rgb_setmatrix(6);
+  }
+  int32_t saved_ = 0;
+};
+
+std::vector<int32_t> levels() {
+  const int32_t saved = travik_yuv2rgb_getsimd();
+  const int32_t best = travik_yuv2rgb_setsimd(TRAVIK_SIMD_AVX2);
+  travik_yuv2rgb_setsimd(saved);
+  std::vector<int32_t> all;
+  for (int32_t l = 0; l <= best; l++) all.push_back(l);
+  return all;
+}
+
+// ----- creation and selection
+
+TEST_F(Yuv2Rgb, UnsupportedFormatsGiveNull) {
+  for (int32_t format : {0, 1, 2, 5, 8, 11, -1, 1000}) {
+    EXPECT_EQ(travik_yuv2rgb_create(format), nullptr) << format;
+    EXPECT_EQ(travik_yuv2rgb_create_swap(format), nullptr) << format;
+  }
+}
+
+TEST_F(Yuv2Rgb, CreateSelectsPlainRotationZero) {
+  for (int32_t format : kFormats) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->scaling, 0);
+    EXPECT_EQ(c->rotation, 0);
+    EXPECT_EQ(c->convert, c->plain[0]);
+    EXPECT_EQ(c->xmap, nullptr);
+    EXPECT_EQ(c->ymap, nullptr);
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, RoutineAvailabilityPerRotation) {
+  for (int32_t format : kFormats) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+    const int bytes = bytes_of(format);
+    EXPECT_NE(c->plain[0], nullptr);
+    EXPECT_NE(c->scaled[0], nullptr);
+    EXPECT_EQ(c->plain[1] != nullptr, bytes == 2) << format;
+    EXPECT_EQ(c->plain[2], nullptr);
+    EXPECT_EQ(c->scaled[2], nullptr);
+    EXPECT_EQ(c->plain[3] != nullptr, bytes != 3) << format;
+    // Quarter turns are the same routine with and without scaling.
+    EXPECT_EQ(c->plain[1], c->scaled[1]);
+    EXPECT_EQ(c->plain[3], c->scaled[3]);
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, TwentyFourBitRoutineIsAlsoTheScaledOne) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB24);
+  EXPECT_EQ(c->plain[0], c->scaled[0]);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, SetRotationTwoFailsForEveryFormat) {
+  for (int32_t format : kFormats) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+    const travik_yuv2rgb_fn before = c->convert;
+    EXPECT_EQ(travik_yuv2rgb_setrotation(c, 2), 0) << format;
+    EXPECT_EQ(c->convert, before);
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, SetRotationOneOnlyForSixteenBit) {
+  for (int32_t format : kFormats) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+    EXPECT_EQ(travik_yuv2rgb_setrotation(c, 1), bytes_of(format) == 2 ? 1 : 0) << format;
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, SetRotationThreeForThirtyTwoAndSixteenBit) {
+  for (int32_t format : kFormats) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+    EXPECT_EQ(travik_yuv2rgb_setrotation(c, 3), bytes_of(format) == 3 ? 0 : 1) << format;
+    if (bytes_of(format) != 3) { EXPECT_EQ(c->convert, c->plain[3]); }
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, FailedRotationIsStillStored) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+  EXPECT_EQ(travik_yuv2rgb_setrotation(c, 2), 0);
+  EXPECT_EQ(c->rotation, 2);
+  EXPECT_EQ(c->convert, c->plain[0]);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, RotationOutsideRangeIsRefused) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+  EXPECT_EQ(travik_yuv2rgb_setrotation(c, 4), 0);
+  EXPECT_EQ(travik_yuv2rgb_setrotation(c, -1), 0);
+  EXPECT_EQ(c->rotation, 0);
+  EXPECT_EQ(travik_yuv2rgb_setrotation(nullptr, 0), 0);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, SetScaleWithEqualSizesTurnsScalingOff) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+  EXPECT_EQ(travik_yuv2rgb_setscale(c, 64, 32, 32, 16), 1);
+  EXPECT_EQ(c->scaling, 1);
+  EXPECT_EQ(c->convert, c->scaled[0]);
+  EXPECT_EQ(travik_yuv2rgb_setscale(c, 64, 32, 64, 32), 1);
+  EXPECT_EQ(c->scaling, 0);
+  EXPECT_EQ(c->convert, c->plain[0]);
+  // With rotation 2 stored there is no plain routine: 0, routine kept.
+  travik_yuv2rgb_setrotation(c, 2);
+  EXPECT_EQ(travik_yuv2rgb_setscale(c, 64, 32, 64, 32), 0);
+  EXPECT_EQ(c->convert, c->plain[0]);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, SetScaleBuildsSinglePrecisionMaps) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+  ASSERT_EQ(travik_yuv2rgb_setscale(c, 10, 7, 4, 3), 1);
+  // xs = 2.5: 0, 2.5 + 0.5, 5, 7.5 + 0.5; ys = 7/3 in single precision.
+  EXPECT_EQ(std::vector<int32_t>(c->xmap, c->xmap + 4), (std::vector<int32_t>{0, 3, 5, 8}));
+  const float ys = 7.0f / 3.0f;
+  for (int j = 0; j < 3; j++)
+    EXPECT_EQ(c->ymap[j], static_cast<int32_t>(static_cast<double>(j * ys) + 0.5));
+  EXPECT_EQ(c->ymap[1], 2);
+  EXPECT_EQ(c->ymap[2], 5);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, SetScaleHoldsLargeEnlargementsInsideTheSource) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+  // 1 -> 4: the last entry would round to 1, past the only column.
+  ASSERT_EQ(travik_yuv2rgb_setscale(c, 1, 2, 4, 8), 1);
+  for (int i = 0; i < 4; i++) EXPECT_EQ(c->xmap[i], 0);
+  for (int j = 0; j < 8; j++) EXPECT_LE(c->ymap[j], 1);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, SetScaleRefusesEmptySizes) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+  EXPECT_EQ(travik_yuv2rgb_setscale(c, 0, 10, 10, 10), 0);
+  EXPECT_EQ(travik_yuv2rgb_setscale(c, 10, 10, 0, 10), 0);
+  EXPECT_EQ(travik_yuv2rgb_setscale(c, 10, 10, 10, -1), 0);
+  EXPECT_EQ(c->scaling, 0);
+  EXPECT_EQ(c->xmap, nullptr);
+  EXPECT_EQ(travik_yuv2rgb_setscale(nullptr, 1, 1, 2, 2), 0);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, SetScaleWithQuarterTurnKeepsTheTurn) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+  travik_yuv2rgb_setrotation(c, 3);
+  EXPECT_EQ(travik_yuv2rgb_setscale(c, 32, 32, 16, 16), 1);
+  EXPECT_EQ(c->convert, c->plain[3]);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, MatrixSelector) {
+  EXPECT_EQ(travik_yuv2rgb_setmatrix(1), 6);
+  EXPECT_EQ(travik_yuv2rgb_setmatrix(8), -1);
+  EXPECT_EQ(travik_yuv2rgb_setmatrix(-1), -1);
+  EXPECT_EQ(travik_yuv2rgb_setmatrix(6), 1);
+}
+
+TEST_F(Yuv2Rgb, InverseTableRows) {
+  const int32_t expect[8][4] = {{117504, 138453, 13954, 34903}, {117504, 138453, 13954, 34903},
+                                {104597, 132201, 25675, 53279}, {104597, 132201, 25675, 53279},
+                                {104448, 132798, 24759, 53109}, {104597, 132201, 25675, 53279},
+                                {104597, 132201, 25675, 53279}, {117579, 136230, 16907, 35559}};
+  EXPECT_EQ(std::memcmp(expect, Inverse_Table_6_9, sizeof expect), 0);
+}
+
+TEST_F(Yuv2Rgb, TableFieldsFollowTheMatrix) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+  // Green's V part: div_round(-53279 * (v - 128), 76309).
+  EXPECT_EQ(c->table_gV[128], 0);
+  EXPECT_EQ(c->table_gV[255], -89);
+  EXPECT_EQ(c->table_gV[0], 89);
+  // Red at V = 255 is the red table advanced by 175 entries.
+  EXPECT_EQ(static_cast<uint32_t *>(c->table_rV[255]) - static_cast<uint32_t *>(c->table_rV[128]),
+            174);
+  EXPECT_EQ(static_cast<uint32_t *>(c->table_bU[0]) - static_cast<uint32_t *>(c->table_bU[128]),
+            -222);
+  travik_yuv2rgb_destroy(c);
+}
+
+// ----- what is drawn
+
+TEST_F(Yuv2Rgb, BlackAndWhite) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+    Picture p(32, 2, 1);
+    Output out(32 * 4, 2);
+    p.fill(16, 128, 128);
+    convert(c, 32, 2, out, p);
+    EXPECT_EQ(read_pixel(out.at(0, 0, 4), 4), 0u);
+    EXPECT_EQ(read_pixel(out.at(31, 1, 4), 4), 0u);
+    p.fill(235, 128, 128);
+    convert(c, 32, 2, out, p);
+    EXPECT_EQ(read_pixel(out.at(0, 0, 4), 4), 0x00FFFFFFu);
+    EXPECT_EQ(read_pixel(out.at(31, 1, 4), 4), 0x00FFFFFFu);
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, PlainRoutinesMatchTheModelInEveryFormat) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    for (int32_t format : kFormats) {
+      travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+      const int w = 48, h = 6, bpp = bytes_of(format);
+      Picture p(w, h, 7 + format);
+      Output out(w * bpp, h);
+      convert(c, format == TRAVIK_PIXEL_RGB24 ? w / 8 : w, h, out, p);
+      for (int r = 0; r < h; r++)
+        for (int x = 0; x < w; x++)
+          ASSERT_EQ(read_pixel(out.at(x, r, bpp), bpp),
+                    pack(format, model(6, p.Y(x, r), p.U(x, r), p.V(x, r))))
+              << "format " << format << " level " << level << " at " << x << "," << r;
+      travik_yuv2rgb_destroy(c);
+    }
+  }
+}
+
+TEST_F(Yuv2Rgb, OnlyWholeBlocksOfEightColumnsAreConverted) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+    Picture p(100, 50, 3);
+    Output out(100 * 4, 50);
+    convert(c, 100, 50, out, p);
+    for (int r = 0; r < 50; r++) {
+      EXPECT_EQ(read_pixel(out.at(95, r, 4), 4), pack(3, model(6, p.Y(95, r), p.U(95, r), p.V(95, r))));
+      for (int x = 96; x < 100; x++) EXPECT_EQ(read_pixel(out.at(x, r, 4), 4), 0xA5A5A5A5u);
+    }
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, LastOddRowIsNotConverted) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+    Picture p(64, 5, 4);
+    Output out(64 * 2, 5);
+    convert(c, 64, 5, out, p);
+    EXPECT_EQ(read_pixel(out.at(0, 3, 2), 2), pack(6, model(6, p.Y(0, 3), p.U(0, 3), p.V(0, 3))));
+    for (int x = 0; x < 64; x++) EXPECT_EQ(read_pixel(out.at(x, 4, 2), 2), 0xA5A5u);
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, TwentyFourBitWidthCountsBlocks) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB24);
+    Picture p(64, 2, 5);
+    Output out(64 * 3, 2);
+    convert(c, 3, 2, out, p);  // three blocks: 24 pixels
+    EXPECT_EQ(read_pixel(out.at(23, 1, 3), 3), pack(4, model(6, p.Y(23, 1), p.U(23, 1), p.V(23, 1))));
+    EXPECT_EQ(out.at(24, 0, 3)[0], 0xA5);
+    EXPECT_EQ(out.at(24, 1, 3)[2], 0xA5);
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, TwentyFourBitScaledIgnoresTheMaps) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB24);
+  ASSERT_EQ(travik_yuv2rgb_setscale(c, 32, 4, 16, 2), 1);
+  Picture p(32, 4, 6);
+  Output out(32 * 3, 4);
+  convert(c, 2, 2, out, p);
+  // Source pixel 15 lands in column 15, unscaled.
+  EXPECT_EQ(read_pixel(out.at(15, 1, 3), 3), pack(4, model(6, p.Y(15, 1), p.U(15, 1), p.V(15, 1))));
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, SwappedSixteenBitWritesBytesExchanged) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    for (int32_t format : {TRAVIK_PIXEL_RGB565, TRAVIK_PIXEL_RGB555}) {
+      travik_yuv2rgb *c = travik_yuv2rgb_create_swap(format);
+      EXPECT_EQ(c->convert, c->plain[0]);
+      EXPECT_EQ(c->scaled[0], c->plain[0]);
+      Picture p(40, 4, 8);
+      Output out(40 * 2, 4);
+      convert(c, 40, 4, out, p);
+      for (int r = 0; r < 4; r++)
+        for (int x = 0; x < 40; x++) {
+          const uint32_t v = pack(format, model(6, p.Y(x, r), p.U(x, r), p.V(x, r)));
+          ASSERT_EQ(read_pixel(out.at(x, r, 2), 2), ((v & 0xFF) << 8) | (v >> 8));
+        }
+      travik_yuv2rgb_destroy(c);
+    }
+  }
+}
+
+TEST_F(Yuv2Rgb, SwapDoesNothingForOtherDepths) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create_swap(TRAVIK_PIXEL_RGB32);
+  Picture p(16, 2, 9);
+  Output out(16 * 4, 2);
+  convert(c, 16, 2, out, p);
+  EXPECT_EQ(read_pixel(out.at(3, 1, 4), 4), pack(3, model(6, p.Y(3, 1), p.U(3, 1), p.V(3, 1))));
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, LastCreateOfADepthDecidesTheLayout) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    travik_yuv2rgb *rgb = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+    travik_yuv2rgb *bgr = travik_yuv2rgb_create(TRAVIK_PIXEL_BGR32);
+    Picture p(32, 2, 10);
+    Output out(32 * 4, 2);
+    convert(rgb, 32, 2, out, p);
+    EXPECT_EQ(read_pixel(out.at(5, 0, 4), 4), pack(TRAVIK_PIXEL_BGR32, model(6, p.Y(5, 0), p.U(5, 0), p.V(5, 0))));
+    travik_yuv2rgb *s555 = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB555);
+    travik_yuv2rgb *s565 = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+    Output out16(32 * 2, 2);
+    convert(s555, 32, 2, out16, p);
+    EXPECT_EQ(read_pixel(out16.at(5, 0, 2), 2), pack(TRAVIK_PIXEL_RGB565, model(6, p.Y(5, 0), p.U(5, 0), p.V(5, 0))));
+    for (auto *c : {rgb, bgr, s555, s565}) travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, ScaledRoutinesSampleThroughTheMaps) {
+  for (int32_t format : {TRAVIK_PIXEL_RGB32, TRAVIK_PIXEL_RGB565}) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+    const int bpp = bytes_of(format);
+    ASSERT_EQ(travik_yuv2rgb_setscale(c, 30, 20, 13, 9), 1);
+    Picture p(30, 20, 11);
+    Output out(13 * bpp, 9);
+    convert(c, 13, 9, out, p);
+    for (int j = 0; j < 9; j++)
+      for (int i = 0; i < 13; i++) {
+        const int sx = c->xmap[i], sy = c->ymap[j];
+        ASSERT_EQ(read_pixel(out.at(i, j, bpp), bpp),
+                  pack(format, model(6, p.Y(sx, sy), p.U(sx, sy), p.V(sx, sy))));
+      }
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, ScaledRoutineDrawsNothingBeyondTheMaps) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+  ASSERT_EQ(travik_yuv2rgb_setscale(c, 16, 16, 8, 8), 1);
+  Picture p(16, 16, 12);
+  Output out(16 * 4, 16);
+  convert(c, 9, 8, out, p);
+  convert(c, 8, 9, out, p);
+  for (uint8_t b : out.bytes) ASSERT_EQ(b, 0xA5);
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, ClockwiseQuarterTurn) {
+  for (int32_t format : {TRAVIK_PIXEL_RGB32, TRAVIK_PIXEL_RGB555}) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+    const int bpp = bytes_of(format);
+    ASSERT_EQ(travik_yuv2rgb_setrotation(c, 3), 1);
+    const int w = 16, h = 6;
+    Picture p(w, h, 13);
+    Output out(h * bpp, w);  // rows are source-height pixels wide
+    convert(c, w, h, out, p);
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++)
+        ASSERT_EQ(read_pixel(out.at(h - 1 - y, x, bpp), bpp),
+                  pack(format, model(6, p.Y(x, y), p.U(x, y), p.V(x, y))));
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, CounterClockwiseQuarterTurn) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+  ASSERT_EQ(travik_yuv2rgb_setrotation(c, 1), 1);
+  const int w = 24, h = 4;
+  Picture p(w, h, 14);
+  Output out(h * 2, w);
+  convert(c, w, h, out, p);
+  for (int y = 0; y < h; y++)
+    for (int x = 0; x < w; x++)
+      ASSERT_EQ(read_pixel(out.at(y, w - 1 - x, 2), 2),
+                pack(6, model(6, p.Y(x, y), p.U(x, y), p.V(x, y))));
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, QuarterTurnWithScalingConvertsAtTheGivenSize) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+  ASSERT_EQ(travik_yuv2rgb_setscale(c, 64, 64, 8, 8), 1);
+  ASSERT_EQ(travik_yuv2rgb_setrotation(c, 3), 1);
+  Picture p(16, 4, 15);
+  Output out(4 * 2, 16);
+  convert(c, 16, 4, out, p);
+  EXPECT_EQ(read_pixel(out.at(3, 15, 2), 2), pack(6, model(6, p.Y(15, 0), p.U(15, 0), p.V(15, 0))));
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, BadArgumentsDrawNothing) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    for (int32_t format : kFormats) {
+      travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+      Picture p(32, 4, 16);
+      Output out(32 * 4, 4);
+      travik_yuv2rgb_convert(c, 32, 4, out.data(), out.pitch, nullptr, p.u.data(), p.v.data(), p.y_pitch, p.uv_pitch);
+      travik_yuv2rgb_convert(c, 32, 4, out.data(), out.pitch, p.y.data(), nullptr, p.v.data(), p.y_pitch, p.uv_pitch);
+      travik_yuv2rgb_convert(c, 32, 4, out.data(), out.pitch, p.y.data(), p.u.data(), nullptr, p.y_pitch, p.uv_pitch);
+      travik_yuv2rgb_convert(c, 32, 4, nullptr, out.pitch, p.y.data(), p.u.data(), p.v.data(), p.y_pitch, p.uv_pitch);
+      convert(c, 0, 4, out, p);
+      convert(c, 32, 0, out, p);
+      convert(c, -8, 4, out, p);
+      convert(c, 32, -2, out, p);
+      if (format == TRAVIK_PIXEL_RGB24) {
+        convert(c, 4, 1, out, p);  // (the width counts blocks) less than one row pair
+      } else {
+        convert(c, 7, 4, out, p);   // less than one block
+        convert(c, 32, 1, out, p);  // less than one row pair
+      }
+      for (uint8_t b : out.bytes) ASSERT_EQ(b, 0xA5) << format;
+      travik_yuv2rgb_destroy(c);
+    }
+  }
+  travik_yuv2rgb_convert(nullptr, 8, 2, nullptr, 0, nullptr, nullptr, nullptr, 0, 0);
+  travik_yuv2rgb_destroy(nullptr);
+}
+
+// ----- the optimised routines against the reference ones
+
+struct Variant {
+  int32_t format;
+  bool swap;
+};
+const Variant kVariants[] = {{3, false}, {10, false}, {9, false}, {4, false},
+                             {6, false}, {7, false},  {6, true},  {7, true}};
+
+travik_yuv2rgb *make(const Variant &v) {
+  return v.swap ? travik_yuv2rgb_create_swap(v.format) : travik_yuv2rgb_create(v.format);
+}
+
+TEST_F(Yuv2Rgb, OptimisedRoutinesAreChosenWhenAvailable) {
+  const std::vector<int32_t> all = levels();
+  for (int32_t level : all) {
+    travik_yuv2rgb_setsimd(level);
+    for (int row = 0; row < 8; row++) {
+      travik_yuv2rgb_setmatrix(row);
+      for (const Variant &v : kVariants) {
+        travik_yuv2rgb *c = make(v);
+        EXPECT_EQ(c->simd, level) << "matrix row " << row << " format " << v.format;
+        travik_yuv2rgb_destroy(c);
+      }
+    }
+  }
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+}
+
+// Every (Y, U, V) triple once: 4096 x 4096 pixels, each 2 x 2 group one
+// (U, V) pair, each run of 64 groups of a pair the 256 luma values.
+TEST_F(Yuv2Rgb, OptimisedRoutinesEqualTheReferenceForAllInputs) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const int size = 4096;
+  std::vector<uint8_t> y(static_cast<size_t>(size) * size), u(size / 2 * size / 2), v(u.size());
+  for (int cy = 0; cy < size / 2; cy++)
+    for (int cx = 0; cx < size / 2; cx++) {
+      const int group = cy * (size / 2) + cx;
+      const int pair = group / 64, part = group % 64;
+      u[group] = static_cast<uint8_t>(pair & 0xFF);
+      v[group] = static_cast<uint8_t>(pair >> 8);
+      y[(2 * cy) * size + 2 * cx] = static_cast<uint8_t>(4 * part);
+      y[(2 * cy) * size + 2 * cx + 1] = static_cast<uint8_t>(4 * part + 1);
+      y[(2 * cy + 1) * size + 2 * cx] = static_cast<uint8_t>(4 * part + 2);
+      y[(2 * cy + 1) * size + 2 * cx + 1] = static_cast<uint8_t>(4 * part + 3);
+    }
+  for (const Variant &var : kVariants) {
+    const int bpp = bytes_of(var.format);
+    const int w = var.format == TRAVIK_PIXEL_RGB24 ? size / 8 : size;
+    travik_yuv2rgb_setsimd(0);
+    travik_yuv2rgb *ref = make(var);
+    std::vector<uint8_t> expect(static_cast<size_t>(size) * size * bpp);
+    travik_yuv2rgb_convert(ref, w, size, expect.data(), size * bpp, y.data(), u.data(), v.data(),
+                           size, size / 2);
+    for (size_t l = 1; l < all.size(); l++) {
+      travik_yuv2rgb_setsimd(all[l]);
+      travik_yuv2rgb *fast = make(var);
+      ASSERT_EQ(fast->simd, all[l]);
+      std::vector<uint8_t> got(expect.size(), 0);
+      travik_yuv2rgb_convert(fast, w, size, got.data(), size * bpp, y.data(), u.data(), v.data(),
+                             size, size / 2);
+      ASSERT_TRUE(got == expect) << "format " << var.format << " swap " << var.swap << " level "
+                                 << all[l];
+      travik_yuv2rgb_destroy(fast);
+    }
+    travik_yuv2rgb_destroy(ref);
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedRoutinesEqualTheReferenceOnRandomPictures) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  std::mt19937 rng(99);
+  for (int trial = 0; trial < 40; trial++) {
+    const int w = 8 + static_cast<int>(rng() % 300);
+    const int h = 1 + static_cast<int>(rng() % 40);
+    const int row = static_cast<int>(rng() % 8);
+    Picture p(w, h, rng(), static_cast<int>(rng() % 17));
+    travik_yuv2rgb_setmatrix(row);
+    for (const Variant &var : kVariants) {
+      const int bpp = bytes_of(var.format);
+      const int arg = var.format == TRAVIK_PIXEL_RGB24 ? w / 8 : w;
+      travik_yuv2rgb_setsimd(0);
+      travik_yuv2rgb *ref = make(var);
+      Output expect(w * bpp, h, 3);
+      convert(ref, arg, h, expect, p);
+      for (size_t l = 1; l < all.size(); l++) {
+        travik_yuv2rgb_setsimd(all[l]);
+        travik_yuv2rgb *fast = make(var);
+        Output got(w * bpp, h, 3);
+        convert(fast, arg, h, got, p);
+        ASSERT_TRUE(got.bytes == expect.bytes)
+            << "format " << var.format << " swap " << var.swap << " level " << all[l] << " size "
+            << w << "x" << h << " matrix " << row;
+        travik_yuv2rgb_destroy(fast);
+      }
+      travik_yuv2rgb_destroy(ref);
+    }
+  }
+}
+
+}  // namespace
