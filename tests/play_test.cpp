@@ -360,8 +360,6 @@ TEST(Play, VideoOutputIsNotOpenedForAudio) {
   EXPECT_EQ(r.status, 0) << r.err;
 }
 
-#if __has_include(<travik/video.h>)
-
 // A YUV4MPEG2 file of `frames` 4:2:0 pictures of noise; the pictures'
 // bytes (Y, U, V of each, without the FRAME lines) go to `pictures`.
 std::string y4m_file(int width, int height, const char *rate, int frames,
@@ -502,7 +500,5 @@ TEST(Play, TruncatedY4mShowsTheWholePicturesAndFails) {
   EXPECT_TRUE(out[0] == pictures[0]);
   EXPECT_TRUE(out[1] == pictures[1]);
 }
-
-#endif  // video output
 
 }  // namespace

@@ -17,10 +17,8 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <travik/travik.h>
-#include <unistd.h>
-#ifdef TRAVIK_PLAY_VIDEO
 #include <travik/video.h>
-#endif
+#include <unistd.h>
 
 #include <string>
 
@@ -270,7 +268,6 @@ travik_audio *open_audio(const OutputChoice &choice) {
   return audio;
 }
 
-#ifdef TRAVIK_PLAY_VIDEO
 travik_video *open_video(const OutputChoice &choice) {
   if (choice.name != "auto") {
     travik_plugin *plugin =
@@ -293,7 +290,6 @@ travik_video *open_video(const OutputChoice &choice) {
   }
   return video;
 }
-#endif
 
 // Everything one run holds; released in reverse order by close().
 struct Session {
@@ -302,13 +298,11 @@ struct Session {
   travik_stream *stream = nullptr;  // the one stream played
   travik_decoder *decoder = nullptr;
   travik_audio *audio = nullptr;
-#ifdef TRAVIK_PLAY_VIDEO
   travik_video *video = nullptr;
   bool video_ready = false;    // travik_video_init done
   long long start_ms = 0;      // wall clock of the first picture
   int64_t first_pts = -1;      // its timestamp
   long long last_due_ms = 0;   // when the previous picture was due
-#endif
   int32_t write_bytes = 0;     // the audio device's write size
 
   void close() {
@@ -319,9 +313,7 @@ struct Session {
     }
     if (io) travik_io_destroy(io);
     if (audio) travik_audio_destroy(audio);
-#ifdef TRAVIK_PLAY_VIDEO
     if (video) travik_video_destroy(video);
-#endif
   }
 };
 
@@ -354,7 +346,6 @@ void play_audio_frame(Session *session, travik_audioframe *frame) {
   if (!interrupted) travik_audio_play(session->audio, frame);
 }
 
-#ifdef TRAVIK_PLAY_VIDEO
 // Sleeps `ms` milliseconds in short steps, ending early on a signal.
 void sleep_ms(long long ms) {
   while (ms > 0 && !interrupted) {
@@ -407,7 +398,6 @@ void hold_last_picture(Session *session) {
   int32_t rate = session->stream->info.framerate;
   if (session->video_ready) sleep_ms(rate > 0 ? 100000 / rate : 40);
 }
-#endif
 
 // Decodes one packet of the played stream and plays its frames.
 bool decode_packet(Session *session, travik_packet *packet) {
@@ -425,9 +415,7 @@ bool decode_packet(Session *session, travik_packet *packet) {
         audio->release(audio);
       } else if (kind == TRAVIK_FRAME_VIDEO) {
         auto *video = static_cast<travik_videoframe *>(frame);
-#ifdef TRAVIK_PLAY_VIDEO
         if (ok && session->video) ok = play_video_frame(session, video);
-#endif
         video->release(video);
       }
     }
@@ -514,13 +502,6 @@ int run(const Options &options) {
               kName, input);
     video_stream = nullptr;
   }
-#ifndef TRAVIK_PLAY_VIDEO
-  if (video_stream) {
-    error("\"%s\" is video, and this build has no video output", input);
-    session.close();
-    return 1;
-  }
-#endif
   session.stream = audio_stream ? audio_stream : video_stream;
 
   session.decoder = create_decoder(session.stream, options.quiet);
@@ -553,7 +534,6 @@ int run(const Options &options) {
       fprintf(stderr, "%s: no sound device found: playing silently (\"null\" audio output)\n",
               kName);
   }
-#ifdef TRAVIK_PLAY_VIDEO
   if (video_stream) {
     session.video = open_video(options.video);
     if (!session.video) {
@@ -564,7 +544,6 @@ int run(const Options &options) {
         !options.quiet)
       fprintf(stderr, "%s: no display found: showing nothing (\"null\" video output)\n", kName);
   }
-#endif
 
   int32_t status = 0;
   bool ok = true;
@@ -586,9 +565,7 @@ int run(const Options &options) {
       drain_audio(session.audio);
     }
   }
-#ifdef TRAVIK_PLAY_VIDEO
   if (session.video && !interrupted && ok) hold_last_picture(&session);
-#endif
 
   int result = 0;
   if (interrupted) {
