@@ -54,6 +54,7 @@ struct Picture {
   }
 };
 
+#ifdef TRAVIK_TEST_HAVE_X11
 // The converter's RGB for a quadrant's colour.
 uint32_t expected(int q) {
   travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
@@ -75,7 +76,6 @@ bool close_to(uint32_t a, uint32_t b, int tolerance) {
   return true;
 }
 
-#ifdef TRAVIK_TEST_HAVE_X11
 // An X server of its own for the test; skipped() tells why there is none.
 class Server {
  public:

@@ -91,7 +91,8 @@ TRAVIK_API void travik_yuv2rgb_destroy(travik_yuv2rgb *converter);
 enum {
   TRAVIK_SIMD_NONE = 0, /* the plain reference routines */
   TRAVIK_SIMD_SSE2 = 1, /* SSE2 (SSSE3 where a routine needs it) */
-  TRAVIK_SIMD_AVX2 = 2
+  TRAVIK_SIMD_AVX2 = 2,
+  TRAVIK_SIMD_NEON = 1  /* ARM NEON (32-bit ARM processors) */
 };
 /* Limits the level used by converters created afterwards and by the frame
  * scalers; the result is the level now in effect (at most what the processor

@@ -4,6 +4,10 @@
 #include "base/relaxed.h"
 #include "video/yuv2rgb_impl.h"
 
+#if defined(__arm__)
+#include <sys/auxv.h>
+#endif
+
 namespace travik_video {
 
 namespace {
@@ -13,6 +17,8 @@ int32_t detect() {
   __builtin_cpu_init();
   if (__builtin_cpu_supports("avx2")) return TRAVIK_SIMD_AVX2;
   if (__builtin_cpu_supports("sse2")) return TRAVIK_SIMD_SSE2;
+#elif defined(__arm__)
+  if (getauxval(AT_HWCAP) & HWCAP_ARM_NEON) return TRAVIK_SIMD_NEON;
 #endif
   return TRAVIK_SIMD_NONE;
 }
