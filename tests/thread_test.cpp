@@ -81,11 +81,18 @@ TEST(Thread, CreateThenDestroyAtOnce) {
   ASSERT_GE(codes.size(), 3u);
   EXPECT_EQ(codes.front(), TRAVIK_THREAD_START);
   EXPECT_EQ(codes.back(), TRAVIK_THREAD_DESTROY);
-  // Between them: possibly one pause, then at least one wake-up, nothing else.
-  size_t i = 1;
-  if (codes[i] == TRAVIK_THREAD_PAUSE) i++;
-  ASSERT_LT(i, codes.size() - 1);
-  for (; i < codes.size() - 1; i++) EXPECT_EQ(codes[i], TRAVIK_THREAD_RESET);
+  // Between them: wake-ups from the destroying thread and at most one pause
+  // from the worker. The pause call runs outside the worker's lock, so it
+  // may land after the first wake-up.
+  int pauses = 0;
+  for (size_t i = 1; i < codes.size() - 1; i++) {
+    if (codes[i] == TRAVIK_THREAD_PAUSE) {
+      pauses++;
+    } else {
+      EXPECT_EQ(codes[i], TRAVIK_THREAD_RESET) << "at " << i;
+    }
+  }
+  EXPECT_LE(pauses, 1);
   EXPECT_GE(r.resets, 1);
   EXPECT_EQ(r.runs, 0);
 }
