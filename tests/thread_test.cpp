@@ -294,9 +294,11 @@ TEST(Sleep, CheckSlicesOf100Milliseconds) {
   travik_sleep_check(250, check, &c);
   long long total = travik_test::now_ms() - c.start;
   // Slices of 100, 100 and about 50 ms: the check runs before each slice.
-  ASSERT_EQ(c.calls.size(), 3u);
-  EXPECT_GE(c.calls[1], 99);
-  EXPECT_GE(c.calls[2], 199);
+  // A loaded machine may oversleep a slice so much that fewer than 11 ms
+  // remain after the second one; then the third slice is dropped.
+  ASSERT_GE(c.calls.size(), 2u);
+  ASSERT_LE(c.calls.size(), 3u);
+  for (size_t i = 1; i < c.calls.size(); i++) EXPECT_GE(c.calls[i], 100 * static_cast<long long>(i) - 1);
   EXPECT_GE(total, 240);  // the remainder of 10 ms or less is not slept
   EXPECT_LT(total, 2000);
 }
