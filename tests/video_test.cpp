@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <travik/video.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,11 @@ struct Recorder {
   int32_t *pitches = nullptr;
   bool lock_held_in_draw = false;
   bool list_lock_free_in_draw = false;
+  // Driver calls made while `video` was set, and those of them that found
+  // the front end's lock free.
+  int guarded_calls = 0;
+  int unguarded_calls = 0;
+  int32_t filters_at_close = -1;
 };
 
 Recorder *recorder = nullptr;
@@ -40,18 +46,34 @@ bool locked(pthread_mutex_t *m) {
 
 travik_video_driver table;
 
+// Notes whether the front end's lock is held around this driver call.
+void note_lock(void *handle) {
+  auto *r = static_cast<Recorder *>(handle);
+  if (!r->video) return;
+  if (locked(&r->video->lock))
+    r->guarded_calls++;
+  else
+    r->unguarded_calls++;
+}
+
 int32_t t_probe(void *, const travik_video_driver *) { return 1; }
 void *t_open(void *argument) {
   recorder->calls.push_back(argument == &table ? "open(table)" : "open(other)");
   return recorder->fail_open ? nullptr : recorder;
 }
 int32_t t_init(void *h, int32_t a, int32_t b, int32_t c) {
+  note_lock(h);
   static_cast<Recorder *>(h)->calls.push_back("init " + std::to_string(a) + " " +
                                               std::to_string(b) + " " + std::to_string(c));
   return 0;
 }
-void t_close(void *h) { static_cast<Recorder *>(h)->calls.push_back("close"); }
+void t_close(void *h) {
+  auto *r = static_cast<Recorder *>(h);
+  r->calls.push_back("close");
+  if (r->video) r->filters_at_close = r->video->filters.count;
+}
 int32_t t_alloc(void *h, uint8_t *planes[3], int32_t pitches[3], int32_t w, int32_t hh) {
+  note_lock(h);
   auto *r = static_cast<Recorder *>(h);
   r->calls.push_back("alloc " + std::to_string(w) + "x" + std::to_string(hh));
   static uint8_t memory[3][16];
@@ -62,9 +84,11 @@ int32_t t_alloc(void *h, uint8_t *planes[3], int32_t pitches[3], int32_t w, int3
   return r->alloc_status;
 }
 void t_free(void *h, uint8_t *planes[3]) {
+  note_lock(h);
   static_cast<Recorder *>(h)->calls.push_back(planes ? "free" : "free(null)");
 }
 int32_t t_control(void *h, int32_t command, void *value) {
+  note_lock(h);
   static_cast<Recorder *>(h)->calls.push_back("control " + std::to_string(command) + " " +
                                               static_cast<const char *>(value));
   return 5;
@@ -83,10 +107,12 @@ int32_t t_draw(void *h, int32_t x, int32_t y, int32_t w, int32_t hh, uint8_t *pl
   return 0;
 }
 int32_t t_flip(void *h) {
+  note_lock(h);
   static_cast<Recorder *>(h)->calls.push_back("flip");
   return 0;
 }
 int32_t t_getdelay(void *h) {
+  note_lock(h);
   static_cast<Recorder *>(h)->calls.push_back("getdelay");
   return static_cast<Recorder *>(h)->delay;
 }
@@ -153,6 +179,40 @@ TEST_F(Video, CallsPassArgumentsAndResultsThrough) {
   EXPECT_EQ(rec.calls, (std::vector<std::string>{"open(table)", "init 320 240 1", "alloc 64x48",
                                                   "free", "flip", "getdelay", "control 9 word"}));
   travik_video_destroy(v);
+}
+
+TEST_F(Video, EveryDriverCallIsMadeUnderTheLock) {
+  travik_video *v = travik_video_create("driver", &table);
+  rec.video = v;
+  uint8_t *planes[3] = {nullptr, nullptr, nullptr};
+  int32_t pitches[3] = {0, 0, 0};
+  char word[] = "word";
+  travik_video_init(v, 1, 2, 3);
+  travik_video_allocbuffer(v, planes, pitches, 16, 16);
+  travik_video_freebuffer(v, planes);
+  travik_video_control(v, 1, word);
+  travik_video_flip(v);
+  travik_video_getdelay(v);
+  EXPECT_EQ(rec.guarded_calls, 6);
+  EXPECT_EQ(rec.unguarded_calls, 0);
+  // Each call released the lock again.
+  EXPECT_FALSE(locked(&v->lock));
+  rec.video = nullptr;
+  travik_video_destroy(v);
+}
+
+TEST_F(Video, DestroyEmptiesTheFilterListBeforeClosing) {
+  travik_video *v = travik_video_create("driver", &table);
+  int32_t (*filter)(void *, travik_videoframe *) = [](void *, travik_videoframe *) {
+    return int32_t{0};
+  };
+  travik_video_install_filter(v, filter, nullptr);
+  travik_video_install_filter(v, filter, &rec);
+  ASSERT_EQ(v->filters.count, 2);
+  rec.video = v;
+  travik_video_destroy(v);
+  EXPECT_EQ(rec.calls.back(), "close");
+  EXPECT_EQ(rec.filters_at_close, 0);
 }
 
 TEST_F(Video, DrawWithMinusOneUsesTheFrameSize) {
@@ -279,6 +339,59 @@ TEST_F(Video, FiltersCanBeInstalledAndRemovedWhileDrawing) {
 // ----- through the plugin directory
 
 std::string maps() { return travik_test::read_file("/proc/self/maps"); }
+
+// How many distinct reference video-output plugin files are mapped now.
+int loaded_videoout_files() {
+  const std::string text = maps();
+  std::vector<std::string> seen;
+  for (size_t at = text.find("libvideoout_"); at != std::string::npos;
+       at = text.find("libvideoout_", at + 1)) {
+    const std::string file = text.substr(at, text.find('\n', at) - at);
+    if (std::find(seen.begin(), seen.end(), file) == seen.end()) seen.push_back(file);
+  }
+  return static_cast<int>(seen.size());
+}
+
+TEST_F(Video, FailedOpenOfAPluginUnloadsIt) {
+  const std::string result = travik_test::in_child([] {
+    setenv("TRAVIK_PLUGINS_DIR", TRAVIK_TEST_BINARY_DIR "/plugins", 1);
+    // The y4m driver's open fails without an output path.
+    travik_video *v = travik_video_create("y4m", nullptr);
+    std::string seen = v ? "created" : "null";
+    seen += maps().find("libvideoout_y4m.so") == std::string::npos ? " unloaded" : " loaded";
+    return seen;
+  });
+  EXPECT_EQ(result, "null unloaded");
+}
+
+TEST_F(Video, DestroyUnloadsThePlugin) {
+  const std::string result = travik_test::in_child([] {
+    setenv("TRAVIK_PLUGINS_DIR", TRAVIK_TEST_BINARY_DIR "/plugins", 1);
+    travik_video *v = travik_video_create("null", nullptr);
+    if (!v || !v->plugin) return std::string("no plugin");
+    std::string seen = maps().find("libvideoout_null.so") == std::string::npos ? "none" : "loaded";
+    travik_video_destroy(v);
+    seen += maps().find("libvideoout_null.so") == std::string::npos ? " none" : " loaded";
+    return seen;
+  });
+  EXPECT_EQ(result, "loaded none");
+}
+
+TEST_F(Video, LoadingKeepsOnlyTheChosenPlugin) {
+  const std::string result = travik_test::in_child([] {
+    setenv("TRAVIK_PLUGINS_DIR", TRAVIK_TEST_BINARY_DIR "/plugins", 1);
+    std::string seen;
+    for (const char *name : {"y4m", "auto"}) {
+      travik_plugin *p = travik_video_load_driver(name);
+      if (!p) return std::string("nothing for ") + name;
+      seen += std::to_string(loaded_videoout_files()) + " ";
+      travik_plugin_destroy(p);
+    }
+    seen += std::to_string(loaded_videoout_files());
+    return seen;
+  });
+  EXPECT_EQ(result, "1 1 0");
+}
 
 TEST_F(Video, ApplicationTableNeverTouchesThePluginDirectory) {
   const std::string result = travik_test::in_child([] {
