@@ -2,6 +2,7 @@
 #include <travik/frame.h>
 #include <travik/yuv2rgb.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -517,6 +518,65 @@ TEST_F(Yuv2Rgb, QuarterTurnWithScalingConvertsAtTheGivenSize) {
   Output out(4 * 2, 16);
   convert(c, 16, 4, out, p);
   EXPECT_EQ(read_pixel(out.at(3, 15, 2), 2), pack(6, model(6, p.Y(15, 0), p.U(15, 0), p.V(15, 0))));
+  travik_yuv2rgb_destroy(c);
+}
+
+TEST_F(Yuv2Rgb, QuarterTurnsConvertOnlyWholeBlocksAndRowPairs) {
+  for (int32_t rotation : {1, 3}) {
+    travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB565);
+    ASSERT_EQ(travik_yuv2rgb_setrotation(c, rotation), 1);
+    const int w = 13, h = 5;  // one block of 8 columns, two row pairs
+    Picture p(w, h, 17);
+    Output out(h * 2, w);
+    convert(c, w, h, out, p);
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++) {
+        const int row = rotation == 3 ? x : w - 1 - x;
+        const int column = rotation == 3 ? h - 1 - y : y;
+        const uint32_t got = read_pixel(out.at(column, row, 2), 2);
+        if (x < 8 && y < 4)
+          ASSERT_EQ(got, pack(6, model(6, p.Y(x, y), p.U(x, y), p.V(x, y))))
+              << "rotation " << rotation << " at " << x << "," << y;
+        else
+          ASSERT_EQ(got, 0xA5A5u) << "rotation " << rotation << " at " << x << "," << y;
+      }
+    travik_yuv2rgb_destroy(c);
+  }
+}
+
+TEST_F(Yuv2Rgb, CreateTakesTheMatrixRowSelectedBefore) {
+  for (int32_t level : levels()) {
+    travik_yuv2rgb_setsimd(level);
+    for (int32_t row : {0, 4, 7}) {
+      travik_yuv2rgb_setmatrix(row);
+      travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+      travik_yuv2rgb_setmatrix(6);  // a later change leaves this converter alone
+      Picture p(64, 4, 20 + row);
+      Output out(64 * 4, 4);
+      convert(c, 64, 4, out, p);
+      for (int r = 0; r < 4; r++)
+        for (int x = 0; x < 64; x++)
+          ASSERT_EQ(read_pixel(out.at(x, r, 4), 4),
+                    pack(3, model(row, p.Y(x, r), p.U(x, r), p.V(x, r))))
+              << "matrix row " << row << " level " << level << " at " << x << "," << r;
+      travik_yuv2rgb_destroy(c);
+    }
+  }
+}
+
+TEST_F(Yuv2Rgb, SetScaleAgainReplacesTheMaps) {
+  travik_yuv2rgb *c = travik_yuv2rgb_create(TRAVIK_PIXEL_RGB32);
+  ASSERT_EQ(travik_yuv2rgb_setscale(c, 64, 64, 16, 16), 1);
+  ASSERT_EQ(travik_yuv2rgb_setscale(c, 8, 6, 16, 12), 1);
+  // xs = 0.5: i * 0.5 + 0.5 truncated; ys likewise. Doubling rounds the
+  // last entry to the source size itself, held at the last column and row.
+  for (int i = 0; i < 16; i++) EXPECT_EQ(c->xmap[i], std::min((i + 1) / 2, 7)) << i;
+  for (int j = 0; j < 12; j++) EXPECT_EQ(c->ymap[j], std::min((j + 1) / 2, 5)) << j;
+  // The scaled routine now covers a 16 x 12 destination.
+  Picture p(8, 6, 21);
+  Output out(16 * 4, 12);
+  convert(c, 16, 12, out, p);
+  EXPECT_EQ(read_pixel(out.at(15, 11, 4), 4), pack(3, model(6, p.Y(7, 5), p.U(7, 5), p.V(7, 5))));
   travik_yuv2rgb_destroy(c);
 }
 

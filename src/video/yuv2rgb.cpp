@@ -155,6 +155,8 @@ void scaled_rows(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
                  int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
                  int32_t y_pitch, int32_t uv_pitch) {
   if (!usable(dst, py, pu, pv, width, height)) return;
+  // The maps have entries for the destination size given to setscale only;
+  // a larger request would read past them, so nothing is drawn.
   if (!c->xmap || !c->ymap || width > c->map_width || height > c->map_height) return;
   for (int32_t j = 0; j < height; j++) {
     const int32_t sy = c->ymap[j];
@@ -429,6 +431,8 @@ int32_t travik_yuv2rgb_setrotation(travik_yuv2rgb *c, int32_t rotation) {
 int32_t travik_yuv2rgb_setscale(travik_yuv2rgb *c, int32_t src_width, int32_t src_height,
                                 int32_t dst_width, int32_t dst_height) {
   if (!c) return 0;
+  // An empty destination would divide by zero and an empty source has no
+  // pixel to sample: refused, with the converter left as it was.
   if (src_width < 1 || src_height < 1 || dst_width < 1 || dst_height < 1) return 0;
   if (src_width == dst_width && src_height == dst_height) {
     c->scaling = 0;
@@ -440,8 +444,9 @@ int32_t travik_yuv2rgb_setscale(travik_yuv2rgb *c, int32_t src_width, int32_t sr
   std::free(c->ymap);
   c->xmap = static_cast<int32_t *>(std::malloc(sizeof(int32_t) * dst_width));
   c->ymap = static_cast<int32_t *>(std::malloc(sizeof(int32_t) * dst_height));
-  // Enlarging by more than two would round the last entries one past the
-  // source; those are held at its last column and row.
+  // Enlarging by two or more rounds the last entries to the source size
+  // itself, one past the last column or row; those entries are held at the
+  // last column and row so that the scaled routines stay inside the source.
   for (int32_t i = 0; i < dst_width; i++) {
     const float at = static_cast<float>(i) * xs;
     const int32_t sx = static_cast<int32_t>(static_cast<double>(at) + 0.5);
