@@ -285,6 +285,36 @@ TEST(VideoOut, FbdevScalesToTheScreen) {
   travik_video_destroy(v);
 }
 
+TEST(VideoOut, FbdevSwappedScalesThePictureFirst) {
+  // The byte-swapped routine also serves scaling but ignores the converter's
+  // maps, so the picture is scaled to the screen before it is converted.
+  Screen screen("geometry=64x48x16,swap");
+  travik_video *v = travik_video_create("fbdev", screen.arg());
+  ASSERT_NE(v, nullptr);
+  Frame a(32, 24, 18);
+  travik_video_draw(v, 0, 0, -1, -1, a.f);
+  Frame scaled(64, 48, 19);
+  travik_scale_yuv_frame(32, 24, 64, 48, scaled.f->planes, scaled.f->pitches, a.f->planes,
+                         a.f->pitches);
+  std::string expect(64u * 48 * 2, '\0');
+  travik_yuv2rgb *c = travik_yuv2rgb_create_swap(TRAVIK_PIXEL_RGB565);
+  travik_yuv2rgb_convert(c, 64, 48, reinterpret_cast<uint8_t *>(&expect[0]), 128,
+                         scaled.f->planes[0], scaled.f->planes[1], scaled.f->planes[2],
+                         scaled.f->pitches[0], scaled.f->pitches[1]);
+  travik_yuv2rgb_destroy(c);
+  EXPECT_TRUE(screen.bytes() == expect);
+  // At the screen's own size the picture is converted directly.
+  Frame b(64, 48, 20);
+  travik_video_draw(v, 0, 0, -1, -1, b.f);
+  c = travik_yuv2rgb_create_swap(TRAVIK_PIXEL_RGB565);
+  travik_yuv2rgb_convert(c, 64, 48, reinterpret_cast<uint8_t *>(&expect[0]), 128,
+                         b.f->planes[0], b.f->planes[1], b.f->planes[2], b.f->pitches[0],
+                         b.f->pitches[1]);
+  travik_yuv2rgb_destroy(c);
+  EXPECT_TRUE(screen.bytes() == expect);
+  travik_video_destroy(v);
+}
+
 TEST(VideoOut, FbdevTurnsClockwise) {
   Screen screen("geometry=48x64x16,rotate=3");
   travik_video *v = travik_video_create("fbdev", screen.arg());

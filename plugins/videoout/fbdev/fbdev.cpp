@@ -11,7 +11,8 @@
 //
 // With rotation the picture is first scaled (nearest neighbour) to the turned
 // screen size and then converted with the quarter-turn routine; without, the
-// converter scales (or, at the screen's own size, converts in one pass).
+// converter scales (or, at the screen's own size, converts in one pass);
+// with swap, whose routine cannot scale, the picture is scaled first.
 #include <fcntl.h>
 #include <linux/fb.h>
 #include <sys/ioctl.h>
@@ -37,7 +38,8 @@ struct Fbdev {
   int32_t rotation = 0;
   travik_yuv2rgb *converter = nullptr;
   int32_t scaled_from_w = -1, scaled_from_h = -1;  // the converter's scaling source
-  uint8_t *turned[3] = {nullptr, nullptr, nullptr};  // the picture scaled for a turn
+  // The picture scaled for a turn, or to the screen for the swapped routine.
+  uint8_t *turned[3] = {nullptr, nullptr, nullptr};
   int32_t turned_pitches[3] = {0, 0, 0};
   int32_t draws = 0, flips = 0;
 };
@@ -150,10 +152,20 @@ int32_t draw(void *handle, int32_t, int32_t, int32_t width, int32_t height, uint
       fb->scaled_from_w = width;
       fb->scaled_from_h = height;
     }
-    if (fb->converter->scaling)
-      convert(fb, fb->width, fb->height, planes, pitches);
-    else
+    if (!fb->converter->scaling) {
       convert(fb, width, height, planes, pitches);
+    } else if (fb->converter->scaled[0] != fb->converter->plain[0]) {
+      convert(fb, fb->width, fb->height, planes, pitches);
+    } else {
+      // The byte-swapped routine also serves scaling but ignores the maps
+      // (it would read a screen-sized area of the smaller picture): scale
+      // the picture to the screen first, then convert it unscaled.
+      if (!fb->turned[0])
+        videoout::alloc_yuv(fb->turned, fb->turned_pitches, fb->width, fb->height);
+      travik_scale_yuv_frame(width, height, fb->width, fb->height, fb->turned,
+                             fb->turned_pitches, planes, pitches);
+      convert(fb, fb->width, fb->height, fb->turned, fb->turned_pitches);
+    }
   } else {
     // A turned picture is screen-height pixels wide and screen-width tall.
     const int32_t tw = fb->height, th = fb->width;
