@@ -17,6 +17,7 @@
 #include <png.h>
 #endif
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -89,6 +90,36 @@ TEST(VideoOut, AutoTakesTheBestPositiveProbe) {
   EXPECT_EQ(t->probe(nullptr, t), best);
   EXPECT_GT(best, 0);
   travik_plugin_destroy(p);
+}
+
+TEST(VideoOut, AutoNeedsAScoreAboveZero) {
+  // y4m and png always score 0, null scores 1.
+  TempDir dir;
+  const std::string built = std::string(TRAVIK_TEST_BINARY_DIR) + "/plugins/videoout/";
+  for (const char *sub : {"zeros", "mixed"}) {
+    ASSERT_EQ(mkdir(dir.file(sub).c_str(), 0700), 0);
+    ASSERT_EQ(mkdir(dir.file(std::string(sub) + "/videoout").c_str(), 0700), 0);
+  }
+  for (const char *link : {"zeros/videoout/libvideoout_y4m.so", "zeros/videoout/libvideoout_png.so",
+                           "mixed/videoout/libvideoout_y4m.so",
+                           "mixed/videoout/libvideoout_null.so"}) {
+    const std::string name = link;
+    const std::string file = name.substr(name.rfind('/') + 1);
+    ASSERT_EQ(symlink((built + file).c_str(), dir.file(link).c_str()), 0) << link;
+  }
+  auto chosen = [&](const char *sub) {
+    const std::string directory = dir.file(sub);
+    return travik_test::in_child([&] {
+      setenv("TRAVIK_PLUGINS_DIR", directory.c_str(), 1);
+      travik_plugin *p = travik_video_load_driver("auto");
+      if (!p) return std::string("none");
+      std::string name = static_cast<travik_video_driver *>(p->drivers)->name;
+      travik_plugin_destroy(p);
+      return name;
+    });
+  };
+  EXPECT_EQ(chosen("zeros"), "none");
+  EXPECT_EQ(chosen("mixed"), "null");
 }
 
 TEST(VideoOut, NullCountsDrawsAndFlips) {
