@@ -23,6 +23,8 @@ struct Recorder {
   std::atomic<bool> block_in_run{false};
   std::atomic<bool> released{false};
   std::atomic<bool> hold_start{false};  // START waits while this is set
+  std::atomic<bool> hold_pause{false};  // PAUSE waits while this is set
+  std::atomic<bool> in_pause{false};    // a PAUSE call is under way
 
   void add(int code) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -53,9 +55,14 @@ int32_t body(void *arg, int32_t code) {
         travik_sleep(1);
       }
       break;
-    case TRAVIK_THREAD_PAUSE:
+    case TRAVIK_THREAD_PAUSE: {
       r->pauses++;
+      r->in_pause = true;
+      long long start = travik_test::now_ms();
+      while (r->hold_pause && travik_test::now_ms() - start < 10000) travik_sleep(1);
+      r->in_pause = false;
       break;
+    }
     case TRAVIK_THREAD_RESET:
       r->resets++;
       r->released = true;
@@ -136,6 +143,37 @@ TEST(Thread, PlayOnAPausedThreadReturnsAtOnce) {
   EXPECT_EQ(travik_thread_play(t), 0);
   EXPECT_TRUE(wait_for([&] { return travik_thread_getstate(t) == TRAVIK_THREAD_STATE_PLAYING; }));
   EXPECT_TRUE(wait_for([&] { return r.runs > 0; }));
+  travik_thread_destroy(t);
+}
+
+TEST(Thread, PlayOnAPausedThreadDoesNotWaitForTheWorker) {
+  Recorder r;
+  r.hold_pause = true;  // the worker stays inside its pause call
+  travik_thread *t = travik_thread_create(body, &r);
+  ASSERT_TRUE(wait_for([&] { return r.in_pause.load(); }));
+  ASSERT_EQ(travik_thread_getstate(t), TRAVIK_THREAD_STATE_PAUSED);
+  // The worker cannot adopt the request before its pause call returns, so a
+  // play that waited for the acknowledgement would return only after that.
+  EXPECT_EQ(travik_thread_play(t), 0);
+  EXPECT_TRUE(r.in_pause);
+  EXPECT_EQ(travik_thread_getstate(t), TRAVIK_THREAD_STATE_PAUSED);
+  EXPECT_EQ(r.runs, 0);
+  r.hold_pause = false;
+  EXPECT_TRUE(wait_for([&] { return r.runs > 0; }));
+  travik_thread_destroy(t);
+}
+
+TEST(Thread, PauseOnAPausedThreadPassesThroughPauseAgain) {
+  Recorder r;
+  travik_thread *t = travik_thread_create(body, &r);
+  ASSERT_TRUE(wait_for([&] { return r.pauses == 1 && !r.in_pause; }));
+  // The request is posted although the state is already paused: the loop
+  // adopts it again and calls the body with the pause code once more.
+  EXPECT_EQ(travik_thread_pause(t), 0);
+  EXPECT_TRUE(wait_for([&] { return r.pauses == 2; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(r.pauses, 2);
+  EXPECT_EQ(r.runs, 0);
   travik_thread_destroy(t);
 }
 
