@@ -213,6 +213,21 @@ TEST(Utf8, EmptyTextSucceedsWithTwoZeroBytes) {
   free(out);
 }
 
+TEST(Utf8, OutputMayFillTheWholeBufferOf4TimesTheLengthPlus4) {
+  // One byte of UTF-8 becomes a byte-order mark and one UTF-32 unit: 8
+  // bytes, exactly 4 * 1 + 4. The terminators go after it.
+  char *out = nullptr;
+  int32_t length = -1;
+  ASSERT_EQ(travik_utf8_decode("UTF-32LE", "a", 1, &out, &length), 1);
+  EXPECT_EQ(length, 4);
+  free(out);
+  out = nullptr;
+  ASSERT_EQ(travik_utf8_decode("UTF-32", "a", 1, &out, &length), 1);
+  ASSERT_EQ(length, 8);
+  EXPECT_EQ(std::string(out + 4, 6), std::string("a\0\0\0\0\0", 6));
+  free(out);
+}
+
 TEST(Utf8, NullTextFails) {
   char *out = reinterpret_cast<char *>(1);
   int32_t length = -1;

@@ -23,6 +23,8 @@ struct Recorder {
   std::atomic<bool> block_in_run{false};
   std::atomic<bool> released{false};
   std::atomic<bool> hold_start{false};  // START waits while this is set
+  std::atomic<bool> hold_pause{false};  // PAUSE waits while this is set
+  std::atomic<bool> in_pause{false};    // a PAUSE call is under way
 
   void add(int code) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -53,9 +55,14 @@ int32_t body(void *arg, int32_t code) {
         travik_sleep(1);
       }
       break;
-    case TRAVIK_THREAD_PAUSE:
+    case TRAVIK_THREAD_PAUSE: {
       r->pauses++;
+      r->in_pause = true;
+      long long start = travik_test::now_ms();
+      while (r->hold_pause && travik_test::now_ms() - start < 10000) travik_sleep(1);
+      r->in_pause = false;
       break;
+    }
     case TRAVIK_THREAD_RESET:
       r->resets++;
       r->released = true;
@@ -112,11 +119,13 @@ TEST(Thread, PlayOnAFreshThreadWaitsForTheAcknowledgement) {
   Recorder r;
   r.hold_start = true;  // keeps the worker from adopting its first request
   travik_thread *t = travik_thread_create(body, &r);
+  // Taken before the releaser starts, so that its 50 ms all lie within the
+  // measured time however late this thread runs again.
+  long long start = travik_test::now_ms();
   std::thread releaser([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     r.hold_start = false;
   });
-  long long start = travik_test::now_ms();
   EXPECT_EQ(travik_thread_getstate(t), TRAVIK_THREAD_STATE_NEW);
   EXPECT_EQ(travik_thread_play(t), 0);
   // The acknowledgement comes when the loop adopts the request.
@@ -134,6 +143,37 @@ TEST(Thread, PlayOnAPausedThreadReturnsAtOnce) {
   EXPECT_EQ(travik_thread_play(t), 0);
   EXPECT_TRUE(wait_for([&] { return travik_thread_getstate(t) == TRAVIK_THREAD_STATE_PLAYING; }));
   EXPECT_TRUE(wait_for([&] { return r.runs > 0; }));
+  travik_thread_destroy(t);
+}
+
+TEST(Thread, PlayOnAPausedThreadDoesNotWaitForTheWorker) {
+  Recorder r;
+  r.hold_pause = true;  // the worker stays inside its pause call
+  travik_thread *t = travik_thread_create(body, &r);
+  ASSERT_TRUE(wait_for([&] { return r.in_pause.load(); }));
+  ASSERT_EQ(travik_thread_getstate(t), TRAVIK_THREAD_STATE_PAUSED);
+  // The worker cannot adopt the request before its pause call returns, so a
+  // play that waited for the acknowledgement would return only after that.
+  EXPECT_EQ(travik_thread_play(t), 0);
+  EXPECT_TRUE(r.in_pause);
+  EXPECT_EQ(travik_thread_getstate(t), TRAVIK_THREAD_STATE_PAUSED);
+  EXPECT_EQ(r.runs, 0);
+  r.hold_pause = false;
+  EXPECT_TRUE(wait_for([&] { return r.runs > 0; }));
+  travik_thread_destroy(t);
+}
+
+TEST(Thread, PauseOnAPausedThreadPassesThroughPauseAgain) {
+  Recorder r;
+  travik_thread *t = travik_thread_create(body, &r);
+  ASSERT_TRUE(wait_for([&] { return r.pauses == 1 && !r.in_pause; }));
+  // The request is posted although the state is already paused: the loop
+  // adopts it again and calls the body with the pause code once more.
+  EXPECT_EQ(travik_thread_pause(t), 0);
+  EXPECT_TRUE(wait_for([&] { return r.pauses == 2; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(r.pauses, 2);
+  EXPECT_EQ(r.runs, 0);
   travik_thread_destroy(t);
 }
 
@@ -226,6 +266,44 @@ TEST(Thread, NothingOverridesAnEndRequest) {
   travik_thread_destroy(t);  // would never end if the posts replaced request 5
   EXPECT_LT(travik_test::now_ms() - start, 5000);
   EXPECT_GE(r.wakeups, 1);
+}
+
+// The same posts once the loop has already adopted the end request (and so
+// cleared it): the wake-up waits for the worker to reach state 5 first. A
+// play that waited for an acknowledgement, or a reset that waited for state
+// 4, would never return.
+struct LatePoster {
+  travik_thread *thread = nullptr;
+  std::atomic<int> wakeups{0};
+  std::atomic<bool> saw_ending{false};
+};
+
+int32_t late_posting_body(void *arg, int32_t code) {
+  auto *r = static_cast<LatePoster *>(arg);
+  if (code == TRAVIK_THREAD_RESET && r->thread && r->wakeups++ == 0) {
+    long long start = travik_test::now_ms();
+    while (travik_thread_getstate(r->thread) != TRAVIK_THREAD_STATE_ENDING &&
+           travik_test::now_ms() - start < 10000) {
+      travik_sleep(1);
+    }
+    r->saw_ending = travik_thread_getstate(r->thread) == TRAVIK_THREAD_STATE_ENDING;
+    travik_thread_pause(r->thread);
+    travik_thread_play(r->thread);
+    travik_thread_reset(r->thread);
+  }
+  return 0;
+}
+
+TEST(Thread, PostsAfterTheLoopEndedHaveNoEffect) {
+  LatePoster r;
+  travik_thread *t = travik_thread_create(late_posting_body, &r);
+  r.thread = t;
+  ASSERT_TRUE(wait_for([&] { return travik_thread_getstate(t) == TRAVIK_THREAD_STATE_PAUSED; }));
+  long long start = travik_test::now_ms();
+  travik_thread_destroy(t);
+  EXPECT_LT(travik_test::now_ms() - start, 15000);
+  EXPECT_TRUE(r.saw_ending);
+  EXPECT_GE(r.wakeups, 2);  // the late reset still wakes the body once
 }
 
 TEST(Thread, CreateDestroyRaces) {

@@ -52,7 +52,8 @@ TRAVIK_API int travik_thread_pause(travik_thread *thread);
  * neither paused nor playing (new, or in reset). Returns 0. */
 TRAVIK_API int travik_thread_play(travik_thread *thread);
 /* Returns once the worker is in the reset state, calling the body with
- * TRAVIK_THREAD_RESET (in this thread) until then. Returns 0. */
+ * TRAVIK_THREAD_RESET (in this thread) until then. Once the worker's end
+ * has been requested it returns after one such call. Returns 0. */
 TRAVIK_API int travik_thread_reset(travik_thread *thread);
 /* Ends the worker, calls the body with TRAVIK_THREAD_DESTROY, joins, frees. */
 TRAVIK_API void travik_thread_destroy(travik_thread *thread);

@@ -29,12 +29,13 @@ int convert(const char *from, const char *to, const char *text, int32_t length, 
   iconv_t cd = iconv_open(to, from);
   if (cd == reinterpret_cast<iconv_t>(-1)) return 0;
   size_t in_left = length > 0 ? static_cast<size_t>(length) : 0;
+  // The converter may fill all of 4 * length + 4 bytes; the two terminator
+  // bytes are allocated beyond that so that a full buffer still has room.
   size_t capacity = 4 * in_left + 4;
-  char *buffer = static_cast<char *>(std::malloc(capacity));
+  char *buffer = static_cast<char *>(std::malloc(capacity + 2));
   char *in = const_cast<char *>(text);
   char *cursor = buffer;
-  // Two bytes stay in reserve for the terminators.
-  size_t out_left = capacity - 2;
+  size_t out_left = capacity;
   if (iconv(cd, &in, &in_left, &cursor, &out_left) == static_cast<size_t>(-1) || in_left != 0) {
     std::free(buffer);
     iconv_close(cd);

@@ -25,9 +25,17 @@ namespace {
 int32_t state_of(const travik_thread *t) { return relaxed_load(t->state); }
 int32_t request_of(const travik_thread *t) { return relaxed_load(t->request); }
 
+// True once the end has been requested, and also once the loop has adopted
+// it (the request is then cleared): nothing leaves the ending state, and a
+// play that waited for an acknowledgement, or a reset that waited for the
+// reset state, would wait for a loop that has already returned.
+bool ending(const travik_thread *t) {
+  return request_of(t) == TRAVIK_THREAD_STATE_ENDING ||
+         state_of(t) == TRAVIK_THREAD_STATE_ENDING;
+}
+
 bool post_refused(const travik_thread *t, int32_t state) {
-  return (state_of(t) == state && request_of(t) == state) ||
-         request_of(t) == TRAVIK_THREAD_STATE_ENDING;
+  return (state_of(t) == state && request_of(t) == state) || ending(t);
 }
 
 // A request for the state the thread is already in is still posted when
@@ -112,7 +120,7 @@ int travik_thread_reset(travik_thread *thread) {
     post(thread, TRAVIK_THREAD_STATE_RESET, false);
     thread->body(thread->arg, TRAVIK_THREAD_RESET);
     travik_sleep(10);
-  } while (state_of(thread) != TRAVIK_THREAD_STATE_RESET);
+  } while (state_of(thread) != TRAVIK_THREAD_STATE_RESET && !ending(thread));
   return 0;
 }
 

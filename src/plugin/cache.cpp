@@ -24,6 +24,9 @@ struct Refresh {
   struct timespec cache_time;
 };
 
+// Compared with the file system's full precision, not whole seconds: a
+// plugin file replaced within the same second as the cache was written is
+// still seen as newer and described again.
 bool later(const struct timespec &a, const struct timespec &b) {
   return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec > b.tv_nsec);
 }
