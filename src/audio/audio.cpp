@@ -49,6 +49,7 @@ void configure(travik_audio *audio, float speed) {
   audio->driver->getformat(audio->handle, &device_rate, &device_channels);
   if (device_rate > 0 && speed > 0.0f) {
     double scaled = static_cast<double>(device_rate) / static_cast<double>(speed);
+    // A tiny speed would overflow the conversion: keep it within 32 bits.
     device_rate = scaled >= 2147483647.0 ? INT32_MAX : static_cast<int32_t>(scaled);
   }
   if (device_rate == rate && device_channels == channels) return;
@@ -337,8 +338,12 @@ int travik_audio_fade(travik_audio *audio, int32_t mode, int32_t milliseconds) {
   int32_t rate, channels;
   query_format(audio, &rate, &channels);
   if (mode == TRAVIK_AUDIO_FADE_OUT || mode == TRAVIK_AUDIO_FADE_IN) {
-    if (milliseconds <= 0 || rate <= 0) {
-      // Nothing to spread the fade over: straight to its end state.
+    if (milliseconds == 0 || rate <= 0) {
+      // Nothing to spread the fade over (0 ms would divide by zero), or a
+      // device that does not know its rate yet (the query is pre-filled
+      // with the source rate, -1 before init): straight to the end state.
+      // A negative duration is not special: it goes through the arithmetic
+      // below and gives a step of the opposite sign.
       if (mode == TRAVIK_AUDIO_FADE_OUT) {
         relaxed_store(audio->fade_step, -0x10000);
         relaxed_store(audio->fade_gain, 0);
@@ -352,7 +357,10 @@ int travik_audio_fade(travik_audio *audio, int32_t mode, int32_t milliseconds) {
                                        1000.0);
       float ratio = 65536.0f / pairs;
       double rounded = static_cast<double>(ratio) + 0.5;
-      int32_t increment = rounded >= 2147483647.0 ? INT32_MAX : static_cast<int32_t>(rounded);
+      // |pairs| >= 0.001 keeps this within 32 bits; the bounds are a guard.
+      int32_t increment = rounded >= 2147483647.0    ? INT32_MAX
+                          : rounded <= -2147483647.0 ? -INT32_MAX
+                                                     : static_cast<int32_t>(rounded);
       if (mode == TRAVIK_AUDIO_FADE_OUT) {
         relaxed_store(audio->fade_step, -increment);
         relaxed_store(audio->fade_gain, 0x10000);
