@@ -116,6 +116,8 @@ void hand_on(travik_audio *audio, PlayState &state, int32_t bytes) {
   record.count = bytes / 2;
   record.tag = state.tag;
   travik_filters_run<travik_audio_filter_fn>(&audio->filters, &record);
+  // A device that reports no rate or channels leaves the time where it is
+  // rather than dividing by zero.
   if (state.rate > 0 && state.channels > 0) {
     uint64_t product = static_cast<uint64_t>(bytes / 2) * 1000000u;
     state.timestamp += static_cast<int64_t>(product) / state.rate / state.channels;
@@ -151,6 +153,8 @@ travik_audio *travik_audio_create(const char *name, void *argument) {
     if (plugin) travik_plugin_destroy(plugin);
     return nullptr;
   }
+  // One write must hold at least one stereo frame of resampled output;
+  // smaller sizes would never fill (and 0 or less would never advance).
   if (driver->bufsize < 4) {
     travik_warning_detail(__func__, kSource, __LINE__, "audio driver %s: write size %d refused",
                           driver->name ? driver->name : "(unnamed)", driver->bufsize);
