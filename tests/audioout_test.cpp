@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <travik/audio.h>
 #include <travik/system.h>
+#include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -107,6 +108,40 @@ TEST(AudioOut, AutoChoosesTheHighestProbeScore) {
   EXPECT_EQ(chosen("both"), "null");  // 10 beats 1
   EXPECT_EQ(chosen("wavonly"), "wav");
   EXPECT_EQ(chosen("empty"), "none");
+}
+
+// Two files of the same driver score the same: the first one the walk
+// meets wins a tie of probe scores, and a name search stops at the first
+// match. (A plugin's entry function is named after the file name up to its
+// first dot, so "libaudioout_null.so.2" is a second copy of "null".)
+TEST(AudioOut, TheFirstCandidateWinsEqualScores) {
+  TempDir dir;
+  fs::create_directories(dir.file("audioout"));
+  fs::create_symlink(plugin_file("null"), dir.file("audioout/libaudioout_null.so"));
+  fs::create_symlink(plugin_file("null"), dir.file("audioout/libaudioout_null.so.2"));
+  // The order in which the directory lists them.
+  std::string first;
+  if (DIR *listing = opendir(dir.file("audioout").c_str())) {
+    while (struct dirent *entry = readdir(listing)) {
+      if (std::strstr(entry->d_name, ".so")) {
+        first = entry->d_name;
+        break;
+      }
+    }
+    closedir(listing);
+  }
+  ASSERT_FALSE(first.empty());
+  std::string seen = with_plugins(dir.path(), [] {
+    std::string result;
+    for (const char *name : {"auto", "null"}) {
+      travik_plugin *plugin = travik_audio_load_driver(name);
+      if (!plugin) return result + " none";
+      result += " " + fs::path(plugin->name).filename().string();
+      travik_plugin_destroy(plugin);
+    }
+    return result;
+  });
+  EXPECT_EQ(seen, " " + first + " " + first);
 }
 
 TEST(AudioOut, CreateByNameKeepsThePlugin) {
