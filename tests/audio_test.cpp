@@ -16,6 +16,7 @@ struct Mock {
   int32_t device_rate = 44100, device_channels = 2;
   bool fail_open = false;
   bool keep_format = false;   // getformat leaves the wanted values as they are
+  bool keep_writes = true;    // record what is written
   int32_t accept_limit = -1;  // bytes accepted per write, -1 for all
   std::atomic<int32_t> delay{0}, space{0};
   int32_t control_result = 7;
@@ -47,8 +48,9 @@ struct Mock {
   static void close(void *h) { of(h)->closes++; }
   static int32_t write(void *h, const void *data, int32_t bytes) {
     Mock *m = of(h);
-    m->write_sizes.push_back(bytes);
     int32_t n = m->accept_limit >= 0 && m->accept_limit < bytes ? m->accept_limit : bytes;
+    if (!m->keep_writes) return n;
+    m->write_sizes.push_back(bytes);
     const int16_t *s = static_cast<const int16_t *>(data);
     m->written.insert(m->written.end(), s, s + bytes / 2);
     return n;
@@ -822,6 +824,47 @@ TEST(AudioThreads, ControlsRunBesideThePlayingThread) {
   EXPECT_GT(total, 0);
   EXPECT_EQ(total % 256, 0);
   EXPECT_EQ(a.audio->filters.count, 0);
+}
+
+// A fade started by another thread while a buffer is being faded must not
+// be undone when that buffer is done. At 1000000 Hz a fade of one second
+// has step 0: a fade-in stays silent, a fade-out stays at unity, neither
+// ever completes, so the mode only changes when a fade is started.
+TEST(AudioThreads, AFadeStartedDuringAWriteIsKept) {
+  Front a(1 << 16);
+  a.mock.keep_writes = false;
+  a.mock.device_rate = 1000000;
+  travik_audio_init(a.audio, 1000000, 2);
+  ASSERT_EQ(a.audio->resampler, nullptr);
+  std::atomic<bool> stop{false};
+  std::atomic<int> plays{0};
+  std::thread player([&] {
+    Frame frame(ramp(1 << 15));  // one whole buffer per play
+    auto start = std::chrono::steady_clock::now();
+    while (!stop && std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
+      travik_audio_play(a.audio, &frame.f);
+      plays++;
+    }
+  });
+  auto wait_plays = [&](int more) {
+    int target = plays.load() + more;
+    for (int k = 0; k < 20000 && plays.load() < target; k++)
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+  };
+  int lost = 0, attempts = 0;
+  auto start = std::chrono::steady_clock::now();
+  for (; attempts < 200 && std::chrono::steady_clock::now() - start < std::chrono::seconds(5); attempts++) {
+    travik_audio_fade(a.audio, TRAVIK_AUDIO_FADE_IN, 1000);
+    wait_plays(1);
+    travik_audio_fade(a.audio, TRAVIK_AUDIO_FADE_OUT, 1000);
+    wait_plays(2);
+    if (__atomic_load_n(&a.audio->fade_mode, __ATOMIC_RELAXED) != TRAVIK_AUDIO_FADE_OUT) lost++;
+  }
+  stop = true;
+  player.join();
+  EXPECT_GT(attempts, 0);
+  EXPECT_GT(plays.load(), 0);
+  EXPECT_EQ(lost, 0) << "of " << attempts;
 }
 
 }  // namespace

@@ -72,28 +72,31 @@ int32_t write_out(travik_audio *audio, uint8_t *data, int32_t bytes) {
       if (v < -4 || v > 4) s[k] = static_cast<int16_t>((v * factor) >> 10);
     }
   }
-  int32_t mode = relaxed_load(audio->fade_mode);
-  if (mode != 0) {
-    // Stepped once per pair of samples: the fade assumes two channels.
-    int32_t gain = relaxed_load(audio->fade_gain);
-    const int32_t step = relaxed_load(audio->fade_step);
+  if (relaxed_load(audio->fade_mode) != 0) {
+    // Stepped once per pair of samples: the fade assumes two channels. The
+    // fields are read and written pair by pair, not cached for the buffer:
+    // a fade started meanwhile from another thread (without the lock) then
+    // takes effect at once instead of being overwritten when the buffer is
+    // done. The pair that completes a fade-in leaves the gain at unity, so
+    // every further pair would stay as it is: the walk stops there.
     int32_t pairs = bytes / 4;
     for (int32_t k = 0; k < pairs; k++) {
-      int32_t held = gain;
-      int64_t next = static_cast<int64_t>(gain) + step;
+      int32_t held = relaxed_load(audio->fade_gain);
+      int64_t next = static_cast<int64_t>(held) + relaxed_load(audio->fade_step);
+      bool complete = false;
       if (next < 0) {
-        gain = 0;
+        relaxed_store(audio->fade_gain, 0);
       } else if (next > 0x10000) {
-        gain = 0x10000;
-        mode = 0;
+        relaxed_store(audio->fade_gain, 0x10000);
+        relaxed_store(audio->fade_mode, 0);
+        complete = true;
       } else {
-        gain = static_cast<int32_t>(next);
+        relaxed_store(audio->fade_gain, static_cast<int32_t>(next));
       }
       s[2 * k] = static_cast<int16_t>((static_cast<int64_t>(s[2 * k]) * held) >> 16);
       s[2 * k + 1] = static_cast<int16_t>((static_cast<int64_t>(s[2 * k + 1]) * held) >> 16);
+      if (complete) break;
     }
-    relaxed_store(audio->fade_gain, gain);
-    relaxed_store(audio->fade_mode, mode);
   }
   return audio->driver->write(audio->handle, data, bytes);
 }
