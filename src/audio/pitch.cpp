@@ -44,8 +44,10 @@ int travik_pitch_scaling_setspeed(travik_pitch_scaling *scaler, float speed) {
 
 int travik_pitch_scaling_setsource(travik_pitch_scaling *scaler, const void *data, int32_t bytes) {
   (void)data;
-  // A speed that cannot divide (0, negative, NaN) would owe without end.
-  float speed = scaler->speed > 0.0f ? scaler->speed : 1.0f;
+  // A speed of 0 would owe without end (a caller draining what is owed
+  // would never stop): it counts as 1.0. A negative speed divides like any
+  // other and owes a negative amount, which get answers with n <= 0.
+  float speed = scaler->speed == 0.0f ? 1.0f : scaler->speed;
   scaler->pending = scaler->pending + static_cast<float>(bytes) / speed;
   return 0;
 }

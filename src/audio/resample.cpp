@@ -130,7 +130,10 @@ int32_t ref_interp_six(travik_resample *r, int16_t *out, int32_t count) {
   return finish(r, s, avail, p, frames);
 }
 
-// Any other channel count: the first channel, interpolated as mono.
+// Any other channel count: the first channel, interpolated as mono. The
+// index counts whole input frames (value i x channels), as the carry
+// arithmetic of setsource does, rather than treating every value as a frame
+// of its own; for one channel the two are the same.
 int32_t ref_interp_mono(travik_resample *r, int16_t *out, int32_t count) {
   const int16_t *s = r->source;
   int32_t avail = r->available, ch = r->source_channels;

@@ -115,6 +115,9 @@ int32_t alsa_reset(void *handle) {
 }
 
 // Delay and free space in bytes, or -1 for both when nothing is left to play.
+// Equal answers mean an empty device to the front end, so a device that
+// holds something reports a space that is not 0 one byte short: an odd
+// number, never equal to a delay of whole frames.
 void query(AlsaDevice *device, int32_t *delay, int32_t *space) {
   *delay = *space = kDrained;
   if (!device->configured) return;
@@ -122,7 +125,7 @@ void query(AlsaDevice *device, int32_t *delay, int32_t *space) {
   if (snd_pcm_avail_delay(device->pcm, &avail, &held) < 0 || held <= 0) return;
   const int32_t frame = frame_bytes(device);
   *delay = static_cast<int32_t>(held) * frame;
-  *space = static_cast<int32_t>(avail) * frame;
+  *space = avail > 0 ? static_cast<int32_t>(avail) * frame - 1 : 0;
 }
 
 int32_t alsa_getdelay(void *handle) {

@@ -6,7 +6,10 @@
 // A device that holds nothing to play (before the first write, after a
 // reset, or once everything written has drained) answers -1 to both
 // delay() and space(): that equality is how the audio front end recognises
-// an empty device.
+// an empty device. A device that holds something must therefore never give
+// the same answer to both, not even half full: delays are whole frames, an
+// even number of bytes, and a space that is not 0 is reported one byte
+// short, an odd number (the front end only asks whether it is 0).
 #pragma once
 
 #include <pthread.h>
@@ -55,7 +58,9 @@ class DeviceClock {
     pthread_mutex_lock(&lock_);
     int64_t held = held_locked();
     pthread_mutex_unlock(&lock_);
-    return held > 0 ? static_cast<int32_t>(buffer_ - held) : kDrained;
+    if (held <= 0) return kDrained;
+    int64_t room = buffer_ - held;
+    return static_cast<int32_t>(room > 0 ? room - 1 : 0);
   }
 
   int32_t buffer() const { return buffer_; }
