@@ -38,6 +38,7 @@ class Probe : public ::testing::Test {
     unsetenv("TRAVIK_TEST_PROBE_first");
     unsetenv("TRAVIK_TEST_PROBE_second");
     unsetenv("TRAVIK_TEST_OPEN_POSITION");
+    unsetenv("TRAVIK_TEST_OPEN_NULL");
   }
   std::string file(const std::string &name, const std::string &content) {
     std::string path = dir_.file(name);
@@ -107,6 +108,31 @@ TEST_F(Probe, InputIsOpenedByCreate) {
   travik_demuxer *d = travik_demuxer_create(io, nullptr);
   ASSERT_NE(d, nullptr);
   EXPECT_NE(io->backend_data, nullptr);
+  travik_demuxer_destroy(d);
+  travik_io_destroy(io);
+}
+
+TEST_F(Probe, NullStateFromOpenIsAccepted) {
+  travik_io *io = travik_io_create(file("e.tst", "TEST").c_str());
+  setenv("TRAVIK_TEST_OPEN_NULL", "1", 1);
+  travik_demuxer *d = travik_demuxer_create(io, nullptr);
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d->state, nullptr);
+  EXPECT_STREQ(d->driver->description, "probe test second");
+  travik_demuxer_destroy(d);
+  travik_io_destroy(io);
+}
+
+TEST_F(Probe, InputThatCannotSeekIsProbedUnopened) {
+  // "tcp" is served by a back-end without seeking: matched by extension,
+  // probed without being opened (so no connection is ever made).
+  travik_io *io = travik_io_create("tcp://127.0.0.1:9/live.tst");
+  ASSERT_NE(io->backend, nullptr);
+  travik_demuxer *d = travik_demuxer_create(io, nullptr);
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(io->backend_data, nullptr);
+  EXPECT_EQ(seen("first"), "-1 0 ");
+  EXPECT_EQ(seen("second"), "-1 0 ");
   travik_demuxer_destroy(d);
   travik_io_destroy(io);
 }
