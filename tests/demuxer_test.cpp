@@ -470,6 +470,36 @@ TEST_F(Demuxer, DurationTieGoesToTheHigherSlot) {
   EXPECT_EQ(travik_demuxer_getduration(demuxer_), 2000u);
 }
 
+TEST_F(Demuxer, DurationTakesTheVideoStreamWithTheHighestBitRate) {
+  travik_demuxer_addstream(demuxer_, stream(2, 100000, 9000));
+  travik_demuxer_addstream(demuxer_, stream(2, 200000, 3000));
+  travik_demuxer_addstream(demuxer_, stream(2, 150000, 7000));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 3000u);
+}
+
+TEST_F(Demuxer, VideoDurationTieGoesToTheHigherSlot) {
+  travik_demuxer_addstream(demuxer_, stream(2, 0, 9000));
+  travik_demuxer_addstream(demuxer_, stream(2, 0, 2000));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 2000u);
+}
+
+TEST_F(Demuxer, StoredAudioDurationIsPreferredToTheInputLength) {
+  // The input (the fixture's) cannot even be opened: with a stored
+  // duration its length is never asked for.
+  travik_demuxer_addstream(demuxer_, stream(1, 128000, 4321));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 4321u);
+}
+
+TEST_F(Demuxer, DurationKeepsTheLow32Bits) {
+  travik_demuxer_addstream(demuxer_, stream(2, 0, 0x100000005LL));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 5u);
+}
+
+TEST_F(Demuxer, StreamsOfOtherTypesGiveNoDuration) {
+  travik_demuxer_addstream(demuxer_, stream(0, 64000, 8000));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 0u);
+}
+
 TEST_F(Demuxer, LongerVideoDurationWins) {
   travik_demuxer_addstream(demuxer_, stream(1, 64000, 1000));
   travik_demuxer_addstream(demuxer_, stream(2, 0, 5000));
@@ -538,6 +568,26 @@ TEST_F(Demuxer, TitleIsConvertedToUtf8) {
   demuxer_->input = io;
   with_lang("fr_FR.ISO-8859-1", [&] { travik_demuxer_parseheader(demuxer_); });
   EXPECT_STREQ(travik_metadata_gettext(&demuxer_->metadata, TRAVIK_META_TITLE), "caf\xc3\xa9");
+  demuxer_->input = input_;
+  travik_io_destroy(io);
+}
+
+TEST_F(Demuxer, TitleIsConvertedFromLangNotTravikLang) {
+  travik_io *io = travik_io_create("music/caf\xe9.wav");
+  demuxer_->input = io;
+  setenv("TRAVIK_LANG", "xx_XX.NO-SUCH-CHARSET", 1);
+  with_lang("fr_FR.ISO-8859-1", [&] { travik_demuxer_parseheader(demuxer_); });
+  unsetenv("TRAVIK_LANG");
+  EXPECT_STREQ(travik_metadata_gettext(&demuxer_->metadata, TRAVIK_META_TITLE), "caf\xc3\xa9");
+  demuxer_->input = input_;
+  travik_io_destroy(io);
+}
+
+TEST_F(Demuxer, DotInADirectoryNameIsNotAnExtension) {
+  travik_io *io = travik_io_create("/media/v1.0/clip");
+  demuxer_->input = io;
+  travik_demuxer_parseheader(demuxer_);
+  EXPECT_STREQ(travik_metadata_gettext(&demuxer_->metadata, TRAVIK_META_TITLE), "clip");
   demuxer_->input = input_;
   travik_io_destroy(io);
 }
