@@ -76,7 +76,9 @@ TEST_F(Probe, ExtensionIsMatchedWhateverItsCase) {
 
 TEST_F(Probe, NoPositiveScoreGivesNull) {
   travik_io *io = travik_io_create(file("b.tst", "ZERO").c_str());
+  travik_test::StderrCapture errors;
   EXPECT_EQ(travik_demuxer_create(io, nullptr), nullptr);
+  EXPECT_EQ(errors.text(), "");  // no message
   EXPECT_EQ(seen("first"), "0 4 ZERO");
   EXPECT_EQ(seen("second"), "0 4 ZERO");
   travik_io_destroy(io);
@@ -89,6 +91,15 @@ TEST_F(Probe, SchemeWithoutBackEndIsMatchedByScheme) {
   EXPECT_EQ(seen("first"), "unopened noio");
   EXPECT_EQ(io->backend_data, nullptr);  // never opened
   travik_demuxer_destroy(d);
+  travik_io_destroy(io);
+}
+
+TEST_F(Probe, UnclaimedExtensionGivesNullWithoutAMessage) {
+  travik_io *io = travik_io_create(file("f.none", "TEST").c_str());
+  travik_test::StderrCapture errors;
+  EXPECT_EQ(travik_demuxer_create(io, nullptr), nullptr);
+  EXPECT_EQ(errors.text(), "");
+  EXPECT_EQ(seen("first"), "");  // no driver was asked
   travik_io_destroy(io);
 }
 
