@@ -234,6 +234,28 @@ TEST(WaveHeader, ExtraSizeBeyondTheHeaderIsCutToIt) {
   std::free(info.extradata);
 }
 
+TEST(WaveHeader, EighteenBytesWithAnExtraSizeStillReadEighteen) {
+  std::vector<uint8_t> bytes = wave_format(0x2, 1, 22050, 4);
+  le16(bytes, 6);
+  bytes.resize(40, 0xEE);
+  MemInput in(bytes);
+  travik_codec_info info = blank_info();
+  travik_read_wav_header(in.io(), &info, 18);
+  EXPECT_EQ(info.extradata_size, 0);
+  EXPECT_EQ(in.pos(), 18);
+}
+
+TEST(WaveHeader, FourteenBytesOfALawKeepItsCodec) {
+  std::vector<uint8_t> bytes = wave_format(7, 1, 8000, 8);
+  bytes.push_back(0xEE);
+  MemInput in(bytes);
+  travik_codec_info info = blank_info();
+  travik_read_wav_header(in.io(), &info, 14);
+  EXPECT_EQ(info.codec, TRAVIK_CODEC_PCM_MULAW);
+  EXPECT_EQ(info.bits_per_sample, 8);
+  EXPECT_EQ(in.pos(), 14);
+}
+
 TEST(WaveHeader, SeventeenBytesLeaveNoRoomForExtraBytes) {
   std::vector<uint8_t> bytes = wave_format(0x2, 1, 22050, 4);
   le16(bytes, 5);

@@ -3,8 +3,14 @@
 #include <gtest/gtest.h>
 #include <travik/decoder.h>
 
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -24,16 +30,30 @@ struct Script {
   int opens = 0, closes = 0, resets = 0;
   bool refuse_open = false;
   int32_t width = 64, height = 48;
+  travik_decoder *decoder = nullptr;
+  int lock_busy_in_decode = -1, lock_busy_in_reset = -1;
 };
 Script script;
 
-void *s_open(travik_decoder *) {
+// 1 when the decoder's lock is held (by the framework around the call).
+int lock_busy(travik_decoder *decoder) {
+  if (pthread_mutex_trylock(&decoder->lock) == EBUSY) return 1;
+  pthread_mutex_unlock(&decoder->lock);
+  return 0;
+}
+
+void *s_open(travik_decoder *decoder) {
+  script.decoder = decoder;
   script.opens++;
   return script.refuse_open ? nullptr : &script;
 }
 void s_close(void *) { script.closes++; }
-void s_reset(void *) { script.resets++; }
+void s_reset(void *) {
+  script.resets++;
+  script.lock_busy_in_reset = lock_busy(script.decoder);
+}
 int32_t s_decode(void *, uint8_t *, int32_t size, void *argument, void **frame) {
+  script.lock_busy_in_decode = lock_busy(script.decoder);
   script.sizes.push_back(size);
   script.arguments.push_back(argument);
   if (script.next >= script.steps.size()) return -1;
@@ -113,6 +133,13 @@ TEST_F(Decoder, RegisteredDriverIsUsedWhateverTheName) {
 TEST_F(Decoder, CodecNumbersFrom128AreNotRegistered) {
   travik_decoder_register_driver(128, &driver);
   stream_.info.codec = 128;
+  EXPECT_EQ(travik_decoder_create(&stream_, nullptr), nullptr);
+  EXPECT_EQ(script.opens, 0);
+}
+
+TEST_F(Decoder, NegativeCodecNumbersAreNotRegistered) {
+  travik_decoder_register_driver(-1, &driver);
+  stream_.info.codec = -1;
   EXPECT_EQ(travik_decoder_create(&stream_, nullptr), nullptr);
   EXPECT_EQ(script.opens, 0);
 }
@@ -342,6 +369,81 @@ TEST_F(Decoder, SetsourceTakesThePacket) {
   EXPECT_EQ(decoder_->data, payload_);
   EXPECT_EQ(decoder_->remaining, 100);
   EXPECT_EQ(decoder_->pts, 5000000);
+}
+
+TEST_F(Decoder, FlushCallMayProduceAFrame) {
+  create();
+  script.steps = {{100, 0, -1}, {0, 1, -1}};  // then -1
+  travik_decoder_setsource(decoder_, &packet_);
+  void *frame = nullptr;
+  EXPECT_EQ(travik_decoder_decode(decoder_, nullptr, &frame), 0);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(static_cast<travik_audioframe *>(frame)->timestamp, 5000000);
+  EXPECT_EQ(decoder_->remaining, 0);
+  EXPECT_EQ(travik_decoder_empty(decoder_), 1);
+  release_frame(frame);
+  // The driver has nothing more: another flush call ends the packet.
+  void *none = reinterpret_cast<void *>(1);
+  EXPECT_EQ(travik_decoder_decode(decoder_, nullptr, &none), 1);
+  EXPECT_EQ(none, nullptr);
+  EXPECT_EQ(decoder_->remaining, -1);
+  EXPECT_EQ(script.sizes, (std::vector<int32_t>{100, 0, 0}));
+}
+
+TEST_F(Decoder, AudioFramesLeaveThePacketFlags) {
+  create();
+  script.steps = {{100, 1, -1}};
+  packet_.flags = TRAVIK_PACKET_KEY;
+  travik_decoder_setsource(decoder_, &packet_);
+  void *frame;
+  travik_decoder_decode(decoder_, nullptr, &frame);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(decoder_->flags, static_cast<uint32_t>(TRAVIK_PACKET_KEY));
+  EXPECT_EQ(decoder_->pts, -1);
+  release_frame(frame);
+}
+
+TEST_F(Decoder, OtherPacketFlagsAreClearedWithoutMarkingTheFrame) {
+  stream_.info.type = TRAVIK_STREAM_VIDEO;
+  create();
+  script.steps = {{100, 2, -1}};
+  packet_.flags = TRAVIK_PACKET_DECODE_ONLY;
+  travik_decoder_setsource(decoder_, &packet_);
+  void *frame;
+  travik_decoder_decode(decoder_, nullptr, &frame);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(static_cast<travik_videoframe *>(frame)->info, 0u);
+  EXPECT_EQ(decoder_->flags, 0u);
+  release_frame(frame);
+}
+
+TEST_F(Decoder, DecodeAndResetCallTheDriverUnderTheLock) {
+  create();
+  script.steps = {{100, 0, -1}};
+  travik_decoder_setsource(decoder_, &packet_);
+  void *frame;
+  travik_decoder_decode(decoder_, nullptr, &frame);
+  EXPECT_EQ(script.lock_busy_in_decode, 1);
+  travik_decoder_reset(decoder_);
+  EXPECT_EQ(script.lock_busy_in_reset, 1);
+  EXPECT_EQ(lock_busy(decoder_), 0);  // released afterwards
+}
+
+TEST_F(Decoder, SetsourceWaitsForTheLock) {
+  create();
+  pthread_mutex_lock(&decoder_->lock);
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    travik_decoder_setsource(decoder_, &packet_);
+    done = true;
+  });
+  // While the lock is held elsewhere the packet cannot be taken.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(done.load());
+  pthread_mutex_unlock(&decoder_->lock);
+  other.join();
+  EXPECT_TRUE(done.load());
+  EXPECT_EQ(decoder_->remaining, 100);
 }
 
 }  // namespace

@@ -38,6 +38,7 @@ class Probe : public ::testing::Test {
     unsetenv("TRAVIK_TEST_PROBE_first");
     unsetenv("TRAVIK_TEST_PROBE_second");
     unsetenv("TRAVIK_TEST_OPEN_POSITION");
+    unsetenv("TRAVIK_TEST_OPEN_NULL");
   }
   std::string file(const std::string &name, const std::string &content) {
     std::string path = dir_.file(name);
@@ -75,7 +76,9 @@ TEST_F(Probe, ExtensionIsMatchedWhateverItsCase) {
 
 TEST_F(Probe, NoPositiveScoreGivesNull) {
   travik_io *io = travik_io_create(file("b.tst", "ZERO").c_str());
+  travik_test::StderrCapture errors;
   EXPECT_EQ(travik_demuxer_create(io, nullptr), nullptr);
+  EXPECT_EQ(errors.text(), "");  // no message
   EXPECT_EQ(seen("first"), "0 4 ZERO");
   EXPECT_EQ(seen("second"), "0 4 ZERO");
   travik_io_destroy(io);
@@ -88,6 +91,15 @@ TEST_F(Probe, SchemeWithoutBackEndIsMatchedByScheme) {
   EXPECT_EQ(seen("first"), "unopened noio");
   EXPECT_EQ(io->backend_data, nullptr);  // never opened
   travik_demuxer_destroy(d);
+  travik_io_destroy(io);
+}
+
+TEST_F(Probe, UnclaimedExtensionGivesNullWithoutAMessage) {
+  travik_io *io = travik_io_create(file("f.none", "TEST").c_str());
+  travik_test::StderrCapture errors;
+  EXPECT_EQ(travik_demuxer_create(io, nullptr), nullptr);
+  EXPECT_EQ(errors.text(), "");
+  EXPECT_EQ(seen("first"), "");  // no driver was asked
   travik_io_destroy(io);
 }
 
@@ -107,6 +119,31 @@ TEST_F(Probe, InputIsOpenedByCreate) {
   travik_demuxer *d = travik_demuxer_create(io, nullptr);
   ASSERT_NE(d, nullptr);
   EXPECT_NE(io->backend_data, nullptr);
+  travik_demuxer_destroy(d);
+  travik_io_destroy(io);
+}
+
+TEST_F(Probe, NullStateFromOpenIsAccepted) {
+  travik_io *io = travik_io_create(file("e.tst", "TEST").c_str());
+  setenv("TRAVIK_TEST_OPEN_NULL", "1", 1);
+  travik_demuxer *d = travik_demuxer_create(io, nullptr);
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d->state, nullptr);
+  EXPECT_STREQ(d->driver->description, "probe test second");
+  travik_demuxer_destroy(d);
+  travik_io_destroy(io);
+}
+
+TEST_F(Probe, InputThatCannotSeekIsProbedUnopened) {
+  // "tcp" is served by a back-end without seeking: matched by extension,
+  // probed without being opened (so no connection is ever made).
+  travik_io *io = travik_io_create("tcp://127.0.0.1:9/live.tst");
+  ASSERT_NE(io->backend, nullptr);
+  travik_demuxer *d = travik_demuxer_create(io, nullptr);
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(io->backend_data, nullptr);
+  EXPECT_EQ(seen("first"), "-1 0 ");
+  EXPECT_EQ(seen("second"), "-1 0 ");
   travik_demuxer_destroy(d);
   travik_io_destroy(io);
 }

@@ -10,11 +10,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -30,6 +34,8 @@ struct Fake {
   int32_t closes = 0;
   int lock_busy_in_header = -1;
   int lock_busy_in_control = -1;
+  int lock_busy_in_parse = -1;
+  int lock_busy_in_seek = -1;
   const char *title = nullptr;
 };
 Fake fake;
@@ -56,6 +62,7 @@ int32_t fake_parseheader(void *state) {
 }
 int32_t fake_parse(void *state, travik_packet **packet) {
   auto *f = static_cast<Fake *>(state);
+  f->lock_busy_in_parse = lock_busy(f->demuxer);
   f->parses++;
   if (f->produce) {
     travik_demuxer_allocator *a = f->demuxer->allocator;
@@ -67,6 +74,7 @@ int32_t fake_parse(void *state, travik_packet **packet) {
 }
 int32_t fake_seek(void *state, int64_t position, int32_t flags) {
   auto *f = static_cast<Fake *>(state);
+  f->lock_busy_in_seek = lock_busy(f->demuxer);
   f->seek_position = position;
   f->seek_flags = flags;
   return 3;
@@ -253,6 +261,95 @@ TEST_F(Demuxer, DriverCallsRunUnderTheLock) {
   EXPECT_EQ(fake.lock_busy_in_control, 1);
 }
 
+TEST_F(Demuxer, ParseAndSeekCallTheDriverUnderTheLock) {
+  travik_demuxer_parse(demuxer_, nullptr);
+  EXPECT_EQ(fake.lock_busy_in_parse, 1);
+  travik_demuxer_seek(demuxer_, 10, 0);
+  EXPECT_EQ(fake.lock_busy_in_seek, 1);
+  EXPECT_EQ(lock_busy(demuxer_), 0);  // released afterwards
+}
+
+// Runs `call` in another thread while this one holds the demuxer's lock;
+// true when the call had to wait for the lock.
+template <typename Call>
+bool waits_for_the_lock(travik_demuxer *demuxer, Call call) {
+  pthread_mutex_lock(&demuxer->lock);
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    call();
+    done = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const bool waited = !done.load();
+  pthread_mutex_unlock(&demuxer->lock);
+  other.join();
+  return waited && done.load();
+}
+
+TEST_F(Demuxer, GetstreamAndGetstreamIdTakeTheLock) {
+  travik_stream *s = stream(1, 0, 0, 42);
+  travik_demuxer_addstream(demuxer_, s);
+  travik_stream *found = nullptr;
+  EXPECT_TRUE(waits_for_the_lock(demuxer_, [&] { found = travik_demuxer_getstream(demuxer_, 0); }));
+  EXPECT_EQ(found, s);
+  found = nullptr;
+  EXPECT_TRUE(
+      waits_for_the_lock(demuxer_, [&] { found = travik_demuxer_getstream_id(demuxer_, 42); }));
+  EXPECT_EQ(found, s);
+}
+
+TEST_F(Demuxer, PacketQueueWorksWhileTheDriverIsBusy) {
+  // Another thread "inside the driver" holds the demuxer's lock; the packet
+  // list has its own lock, so push, pop and clear_packets go on.
+  travik_demuxer_allocator *a = demuxer_->allocator;
+  travik_packet *p1 = a->alloc(a->user, 4);
+  travik_packet *p2 = a->alloc(a->user, 4);
+  pthread_mutex_lock(&demuxer_->lock);
+  std::atomic<int> step{0};
+  travik_packet *popped = nullptr;
+  std::thread other([&] {
+    travik_demuxer_push(demuxer_, p1);
+    travik_demuxer_push(demuxer_, p2);
+    popped = travik_demuxer_pop(demuxer_);
+    travik_demuxer_clear_packets(demuxer_);
+    step = 1;
+  });
+  const long long limit = travik_test::now_ms() + 10000;
+  while (step.load() == 0 && travik_test::now_ms() < limit)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  const int reached = step.load();
+  pthread_mutex_unlock(&demuxer_->lock);
+  other.join();
+  EXPECT_EQ(reached, 1);
+  EXPECT_EQ(popped, p1);
+  EXPECT_EQ(demuxer_->packets.count, 0);  // p2 released by clear_packets
+  p1->release(p1);
+}
+
+TEST_F(Demuxer, ClearPacketsWakesAWaiterOnTheList) {
+  travik_demuxer_parse(demuxer_, nullptr);
+  std::atomic<bool> waiting{false};
+  int wait_result = -1;
+  std::thread waiter([&] {
+    pthread_mutex_lock(&demuxer_->packets.mutex);
+    waiting = true;
+    timespec until;
+    clock_gettime(CLOCK_REALTIME, &until);
+    until.tv_sec += 10;
+    wait_result = pthread_cond_timedwait(&demuxer_->packets.cond, &demuxer_->packets.mutex, &until);
+    pthread_mutex_unlock(&demuxer_->packets.mutex);
+  });
+  const long long limit = travik_test::now_ms() + 10000;
+  while (!waiting.load() && travik_test::now_ms() < limit)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  // The waiter holds the list's mutex until it waits, so clearing (which
+  // takes that mutex) happens once it is waiting.
+  travik_demuxer_clear_packets(demuxer_);
+  waiter.join();
+  EXPECT_EQ(wait_result, 0);  // signalled, not timed out
+  EXPECT_EQ(demuxer_->packets.count, 0);
+}
+
 TEST_F(Demuxer, ControlCommandTwoSkipsTheLock) {
   EXPECT_EQ(travik_demuxer_control(demuxer_, 2, &fake), 21);
   EXPECT_EQ(fake.lock_busy_in_control, 0);
@@ -373,6 +470,36 @@ TEST_F(Demuxer, DurationTieGoesToTheHigherSlot) {
   EXPECT_EQ(travik_demuxer_getduration(demuxer_), 2000u);
 }
 
+TEST_F(Demuxer, DurationTakesTheVideoStreamWithTheHighestBitRate) {
+  travik_demuxer_addstream(demuxer_, stream(2, 100000, 9000));
+  travik_demuxer_addstream(demuxer_, stream(2, 200000, 3000));
+  travik_demuxer_addstream(demuxer_, stream(2, 150000, 7000));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 3000u);
+}
+
+TEST_F(Demuxer, VideoDurationTieGoesToTheHigherSlot) {
+  travik_demuxer_addstream(demuxer_, stream(2, 0, 9000));
+  travik_demuxer_addstream(demuxer_, stream(2, 0, 2000));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 2000u);
+}
+
+TEST_F(Demuxer, StoredAudioDurationIsPreferredToTheInputLength) {
+  // The input (the fixture's) cannot even be opened: with a stored
+  // duration its length is never asked for.
+  travik_demuxer_addstream(demuxer_, stream(1, 128000, 4321));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 4321u);
+}
+
+TEST_F(Demuxer, DurationKeepsTheLow32Bits) {
+  travik_demuxer_addstream(demuxer_, stream(2, 0, 0x100000005LL));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 5u);
+}
+
+TEST_F(Demuxer, StreamsOfOtherTypesGiveNoDuration) {
+  travik_demuxer_addstream(demuxer_, stream(0, 64000, 8000));
+  EXPECT_EQ(travik_demuxer_getduration(demuxer_), 0u);
+}
+
 TEST_F(Demuxer, LongerVideoDurationWins) {
   travik_demuxer_addstream(demuxer_, stream(1, 64000, 1000));
   travik_demuxer_addstream(demuxer_, stream(2, 0, 5000));
@@ -441,6 +568,26 @@ TEST_F(Demuxer, TitleIsConvertedToUtf8) {
   demuxer_->input = io;
   with_lang("fr_FR.ISO-8859-1", [&] { travik_demuxer_parseheader(demuxer_); });
   EXPECT_STREQ(travik_metadata_gettext(&demuxer_->metadata, TRAVIK_META_TITLE), "caf\xc3\xa9");
+  demuxer_->input = input_;
+  travik_io_destroy(io);
+}
+
+TEST_F(Demuxer, TitleIsConvertedFromLangNotTravikLang) {
+  travik_io *io = travik_io_create("music/caf\xe9.wav");
+  demuxer_->input = io;
+  setenv("TRAVIK_LANG", "xx_XX.NO-SUCH-CHARSET", 1);
+  with_lang("fr_FR.ISO-8859-1", [&] { travik_demuxer_parseheader(demuxer_); });
+  unsetenv("TRAVIK_LANG");
+  EXPECT_STREQ(travik_metadata_gettext(&demuxer_->metadata, TRAVIK_META_TITLE), "caf\xc3\xa9");
+  demuxer_->input = input_;
+  travik_io_destroy(io);
+}
+
+TEST_F(Demuxer, DotInADirectoryNameIsNotAnExtension) {
+  travik_io *io = travik_io_create("/media/v1.0/clip");
+  demuxer_->input = io;
+  travik_demuxer_parseheader(demuxer_);
+  EXPECT_STREQ(travik_metadata_gettext(&demuxer_->metadata, TRAVIK_META_TITLE), "clip");
   demuxer_->input = input_;
   travik_io_destroy(io);
 }

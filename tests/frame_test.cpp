@@ -205,6 +205,52 @@ TEST(Metadata, BadKeysAndNullTextChangeNothing) {
   travik_metadata_destroy(&m);
 }
 
+TEST(Metadata, NegativeKeysAreRefusedLikeKeysPastTheTable) {
+  travik_metadata m;
+  travik_metadata_init(&m);
+  travik_metadata_settext(&m, -1, "x");
+  EXPECT_EQ(travik_metadata_gettext(&m, -1), nullptr);
+  EXPECT_EQ(travik_metadata_setdata(&m, -14, "x", 1), nullptr);
+  void *data = reinterpret_cast<void *>(1);
+  int32_t size = 9;
+  EXPECT_EQ(travik_metadata_getdata(&m, -1, &data, &size), 0);
+  EXPECT_EQ(data, nullptr);
+  EXPECT_EQ(size, 0);
+  for (int i = 0; i < TRAVIK_META_SLOTS; i++) {
+    EXPECT_EQ(m.slots[i], nullptr);
+    EXPECT_EQ(m.capacities[i], 0);
+  }
+  travik_metadata_destroy(&m);
+}
+
+TEST(Metadata, NullTextLeavesASetSlotAlone) {
+  travik_metadata m;
+  travik_metadata_init(&m);
+  travik_metadata_settext(&m, 5, "kept");
+  void *before = m.slots[5];
+  travik_metadata_settext(&m, 5, nullptr);
+  EXPECT_EQ(m.slots[5], before);
+  EXPECT_STREQ(travik_metadata_gettext(&m, 5), "kept");
+  EXPECT_EQ(m.capacities[5], 5);
+  travik_metadata_destroy(&m);
+}
+
+TEST(Metadata, DestroyLeavesTheSlotPointersAsTheyWere) {
+  travik_metadata m;
+  travik_metadata_init(&m);
+  travik_metadata_settext(&m, 2, "a");
+  travik_metadata_setdata(&m, 11, "bc", 2);
+  void *text = m.slots[2];
+  void *data = m.slots[11];
+  travik_metadata_destroy(&m);
+  // The buffers are freed but the store itself is not cleared: only the
+  // pointer values are compared here, never followed.
+  EXPECT_EQ(m.slots[2], text);
+  EXPECT_EQ(m.slots[11], data);
+  EXPECT_EQ(m.capacities[2], 2);
+  EXPECT_EQ(m.capacities[11], 2);
+}
+
 TEST(Metadata, DataReportsTheLargestCapacity) {
   travik_metadata m;
   travik_metadata_init(&m);

@@ -93,7 +93,9 @@ int32_t travik_read_wav_header(travik_io *input, travik_codec_info *info, int32_
   const int32_t extra = static_cast<int32_t>(travik_get_le16(input));
   info->extradata_size = 0;
   if (extra >= 1) {
-    // A header of 17 or 18 bytes has no room for extra bytes.
+    // A header of 17 or 18 bytes has no room for extra bytes. For 17 the
+    // smaller of the two counts would be -1; it is taken as 0 (nothing to
+    // allocate or read) so that no negative size reaches the stream.
     const int32_t count = extra < size - 18 ? extra : size - 18;
     if (count > 0) read_extradata(input, info, count);
   }
@@ -111,7 +113,8 @@ int32_t travik_read_bmi_header(travik_io *input, travik_codec_info *info, int32_
   const uint32_t compression = travik_get_le32(input);
   for (int i = 0; i < 5; i++) travik_get_le32(input);
   info->extradata = nullptr;
-  // A header shorter than the 40 bytes just read carries nothing more.
+  // A header shorter than the 40 bytes just read carries nothing more: its
+  // negative remainder is taken as 0 rather than used as a size.
   info->extradata_size = size > 40 ? size - 40 : 0;
   if (info->extradata_size > 0) read_extradata(input, info, info->extradata_size);
   info->type = TRAVIK_STREAM_VIDEO;

@@ -28,7 +28,8 @@ void *audio_alloc(void *, void *templ) {
 
 void allocator_destroy(travik_decoder_allocator *allocator) { std::free(allocator); }
 
-// Frees a decoder whose creation failed, with its allocator and mutex.
+// Frees a decoder whose creation failed, with its allocator and mutex: the
+// decoder took ownership of the allocator, and nobody else would free it.
 void discard(travik_decoder *decoder, travik_plugin *plugin) {
   if (plugin) travik_plugin_destroy(plugin);
   decoder->allocator->destroy(decoder->allocator);
@@ -41,6 +42,8 @@ void discard(travik_decoder *decoder, travik_plugin *plugin) {
 extern "C" {
 
 void travik_decoder_register_driver(int32_t codec, const travik_decoder_driver *driver) {
+  // Codec numbers are signed: a negative one is ignored like one of 128 or
+  // more, since it would land before the table.
   if (codec >= 0 && codec < TRAVIK_DECODER_REGISTERED_MAX) registered[codec] = driver;
 }
 
@@ -67,7 +70,8 @@ travik_decoder *travik_decoder_create_by_name(travik_stream *stream,
   decoder->allocator = allocator ? allocator : travik_decoder_allocator_create(stream->info.type);
   pthread_mutex_init(&decoder->lock, nullptr);
 
-  // A driver registered for the codec comes first, whatever the name.
+  // A driver registered for the codec comes first, whatever the name
+  // (negative codec numbers have no slot).
   const int32_t codec = stream->info.codec;
   if (codec >= 0 && codec < TRAVIK_DECODER_REGISTERED_MAX && registered[codec]) {
     decoder->driver = registered[codec];
@@ -170,6 +174,7 @@ void travik_decoder_reset(travik_decoder *decoder) {
   pthread_mutex_lock(&decoder->lock);
   decoder->remaining = -1;
   decoder->data = nullptr;
+  // Drivers with nothing buffered may leave reset out.
   if (decoder->driver->reset) decoder->driver->reset(decoder->state);
   pthread_mutex_unlock(&decoder->lock);
 }

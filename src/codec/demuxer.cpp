@@ -133,8 +133,9 @@ travik_demuxer *travik_demuxer_create(travik_io *input, travik_demuxer_allocator
   travik_io_seek(input, 0, 0);
   demuxer->plugin = plugin;
   demuxer->driver = &drivers[index];
-  // The store, the lock and the list exist before the driver sees the
-  // demuxer, so that its open may already use them.
+  // The store, the lock, the list and the allocator exist before the
+  // driver sees the demuxer, so that its open may already use them (set up
+  // after it, the metadata would lose what open stored).
   travik_metadata_init(&demuxer->metadata);
   pthread_mutex_init(&demuxer->lock, nullptr);
   travik_list_init(&demuxer->packets);
@@ -200,6 +201,8 @@ int32_t travik_demuxer_control(travik_demuxer *demuxer, int32_t command, void *a
   return result;
 }
 
+// A negative index, or the slot a 33rd stream would have had, is no slot:
+// null rather than a read outside the table.
 travik_stream *travik_demuxer_getstream(travik_demuxer *demuxer, int32_t index) {
   pthread_mutex_lock(&demuxer->lock);
   travik_stream *stream =

@@ -64,6 +64,8 @@ extern "C" {
 
 travik_videoframe *travik_videoframe_alloc(const travik_videoframe *templ) {
   const int32_t format = templ ? templ->format : 0;
+  // A negative size in the template gets no pixels (the frame still
+  // carries the template's values).
   const int32_t width = templ && templ->width > 0 ? templ->width : 0;
   const int32_t height = templ && templ->height > 0 ? templ->height : 0;
   const size_t record = sizeof(travik_videoframe);

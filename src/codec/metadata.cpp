@@ -6,9 +6,10 @@
 
 namespace {
 
-// Keys are signed and only the upper bound is tested; callers never pass a
-// negative key.
-bool valid(int32_t key) { return key < TRAVIK_META_SLOTS; }
+// Keys are signed. Callers never pass a negative key, but one would index
+// before the slot table, so it is refused like a key of 14 or more instead
+// of reaching memory outside the store.
+bool valid(int32_t key) { return key >= 0 && key < TRAVIK_META_SLOTS; }
 
 // Grows the slot to at least `size` bytes; a buffer is never shrunk.
 void *reserve(travik_metadata *meta, int32_t key, int32_t size) {
