@@ -233,7 +233,10 @@ int32_t tcp_handle(travik_io *io) { return *tcp_state(io); }
 
 int32_t udp_open(travik_io *io, int32_t) {
   auto *state = static_cast<UdpState *>(std::calloc(1, sizeof(UdpState)));
-  char value[32];
+  // A "localport" key without "=" leaves the buffer as the lookups found it
+  // (the last value they parsed); start it empty so that such a key alone
+  // means port 0 rather than whatever the stack held.
+  char value[32] = "";
   state->multicast = travik_url_findtag(&io->url, "multicast", value, sizeof value) ? 1 : 0;
   int32_t local_port = 0;
   if (travik_url_findtag(&io->url, "localport", value, sizeof value)) {
