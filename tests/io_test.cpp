@@ -314,6 +314,38 @@ TEST(IoFile, LengthIsTheSizeAndKeepsThePosition) {
   travik_io_destroy(io);
 }
 
+TEST(IoFile, FailedOpenStillClearsTheCachedLength) {
+  travik_io *io = travik_io_create("/nonexistent-dir/none.ts");
+  io->length = 42;
+  EXPECT_EQ(travik_io_open(io, -1), 1);
+  EXPECT_EQ(io->length, 0);
+  travik_io_destroy(io);
+}
+
+TEST(Io, OpenWithoutABackEndKeepsTheCachedLength) {
+  travik_io *io = travik_io_create("gopher://host/x");
+  io->length = 42;
+  EXPECT_EQ(travik_io_open(io, -1), 1);
+  EXPECT_EQ(io->length, 42);
+  travik_io_destroy(io);
+}
+
+TEST(IoFile, SkipPastTheEndCountsTheWholeSeek) {
+  // A file can be positioned past its end, so a skip by seeking moves the
+  // full count and is not short.
+  TempDir dir;
+  write_file(dir.file("a"), pattern(100));
+  travik_io *io = travik_io_create(dir.file("a").c_str());
+  ASSERT_EQ(travik_io_open(io, -1), 0);
+  EXPECT_EQ(travik_io_read(io, nullptr, 500), 500);
+  EXPECT_EQ(io->eof, 0);
+  EXPECT_EQ(travik_io_pos(io), 500);
+  char byte;
+  EXPECT_EQ(travik_io_read(io, &byte, 1), 0);
+  EXPECT_EQ(io->eof, 1);
+  travik_io_destroy(io);
+}
+
 TEST(IoFile, LengthIsCachedUntilReopened) {
   TempDir dir;
   std::string path = dir.file("a");
@@ -749,6 +781,26 @@ TEST_F(SocketTable, AddToAFullTableStoresNothing) {
   EXPECT_EQ(travik_io_socket_add(999, 42), -1);
   EXPECT_EQ(travik_io_socket_find(999, -1), -1);
   EXPECT_EQ(travik_io_socket_find(-1, 42), -1);
+}
+
+TEST_F(SocketTable, AddTakesAFreeSlotBeforeALaterSlotWithTheSameKey) {
+  travik_io_socket_add(5000, 7);
+  travik_io_socket_add(6000, 8);
+  travik_io_sockets[0][0] = travik_io_sockets[0][1] = -1;
+  // Slot 0 is free and comes first: the key is stored twice.
+  EXPECT_EQ(travik_io_socket_add(6000, 9), -1);
+  EXPECT_EQ(travik_io_sockets[0][0], 6000);
+  EXPECT_EQ(travik_io_sockets[0][1], 9);
+  EXPECT_EQ(travik_io_sockets[1][0], 6000);
+  EXPECT_EQ(travik_io_sockets[1][1], 8);
+}
+
+TEST_F(SocketTable, FindGivesTheFirstSlotMatchingKeyOrValue) {
+  travik_io_socket_add(5000, 7);
+  travik_io_socket_add(6000, 8);
+  EXPECT_EQ(travik_io_socket_find(6000, 7), 0);
+  EXPECT_EQ(travik_io_socket_find(5000, 8), 0);
+  EXPECT_EQ(travik_io_socket_find(-1, 8), 1);
 }
 
 TEST_F(SocketTable, FindByKeyOrByValue) {
