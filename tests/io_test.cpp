@@ -181,6 +181,28 @@ TEST(IoFile, FileUrlOpensTheRelativePath) {
   EXPECT_STREQ(buffer, "relative");
 }
 
+TEST(IoFile, DescriptorZeroIsMovedSoTheHandleCountsAsOpen) {
+  // With standard input closed, open() hands out descriptor 0, which as the
+  // back-end state would read as "closed".
+  TempDir dir;
+  write_file(dir.file("a"), "abc");
+  std::string path = dir.file("a");
+  std::string result = travik_test::in_child([&path] {
+    close(0);
+    travik_io *io = travik_io_create(path.c_str());
+    int32_t opened = travik_io_open(io, -1);
+    bool open = io->backend_data != nullptr;
+    int32_t fd = travik_io_handle(io);
+    char buffer[3] = {};
+    int32_t got = travik_io_read(io, buffer, 3);
+    bool zero_free = fcntl(0, F_GETFD) == -1;
+    travik_io_destroy(io);
+    return std::to_string(opened) + (open ? " open" : " closed") + (fd > 0 ? " fd>0 " : " fd<=0 ") +
+           std::to_string(got) + " " + std::string(buffer, 3) + (zero_free ? " 0-free" : " 0-used");
+  });
+  EXPECT_EQ(result, "0 open fd>0 3 abc 0-free");
+}
+
 TEST(IoFile, MissingFileFails) {
   travik_io *io = travik_io_create("/nonexistent-dir/none.ts");
   EXPECT_EQ(travik_io_open(io, -1), 1);
