@@ -181,6 +181,28 @@ TEST(IoFile, FileUrlOpensTheRelativePath) {
   EXPECT_STREQ(buffer, "relative");
 }
 
+TEST(IoFile, DescriptorZeroIsMovedSoTheHandleCountsAsOpen) {
+  // With standard input closed, open() hands out descriptor 0, which as the
+  // back-end state would read as "closed".
+  TempDir dir;
+  write_file(dir.file("a"), "abc");
+  std::string path = dir.file("a");
+  std::string result = travik_test::in_child([&path] {
+    close(0);
+    travik_io *io = travik_io_create(path.c_str());
+    int32_t opened = travik_io_open(io, -1);
+    bool open = io->backend_data != nullptr;
+    int32_t fd = travik_io_handle(io);
+    char buffer[3] = {};
+    int32_t got = travik_io_read(io, buffer, 3);
+    bool zero_free = fcntl(0, F_GETFD) == -1;
+    travik_io_destroy(io);
+    return std::to_string(opened) + (open ? " open" : " closed") + (fd > 0 ? " fd>0 " : " fd<=0 ") +
+           std::to_string(got) + " " + std::string(buffer, 3) + (zero_free ? " 0-free" : " 0-used");
+  });
+  EXPECT_EQ(result, "0 open fd>0 3 abc 0-free");
+}
+
 TEST(IoFile, MissingFileFails) {
   travik_io *io = travik_io_create("/nonexistent-dir/none.ts");
   EXPECT_EQ(travik_io_open(io, -1), 1);
@@ -311,6 +333,38 @@ TEST(IoFile, LengthIsTheSizeAndKeepsThePosition) {
   EXPECT_EQ(travik_io_length(io), 1234);
   EXPECT_EQ(io->length, 1234);
   EXPECT_EQ(travik_io_pos(io), 100);
+  travik_io_destroy(io);
+}
+
+TEST(IoFile, FailedOpenStillClearsTheCachedLength) {
+  travik_io *io = travik_io_create("/nonexistent-dir/none.ts");
+  io->length = 42;
+  EXPECT_EQ(travik_io_open(io, -1), 1);
+  EXPECT_EQ(io->length, 0);
+  travik_io_destroy(io);
+}
+
+TEST(Io, OpenWithoutABackEndKeepsTheCachedLength) {
+  travik_io *io = travik_io_create("gopher://host/x");
+  io->length = 42;
+  EXPECT_EQ(travik_io_open(io, -1), 1);
+  EXPECT_EQ(io->length, 42);
+  travik_io_destroy(io);
+}
+
+TEST(IoFile, SkipPastTheEndCountsTheWholeSeek) {
+  // A file can be positioned past its end, so a skip by seeking moves the
+  // full count and is not short.
+  TempDir dir;
+  write_file(dir.file("a"), pattern(100));
+  travik_io *io = travik_io_create(dir.file("a").c_str());
+  ASSERT_EQ(travik_io_open(io, -1), 0);
+  EXPECT_EQ(travik_io_read(io, nullptr, 500), 500);
+  EXPECT_EQ(io->eof, 0);
+  EXPECT_EQ(travik_io_pos(io), 500);
+  char byte;
+  EXPECT_EQ(travik_io_read(io, &byte, 1), 0);
+  EXPECT_EQ(io->eof, 1);
   travik_io_destroy(io);
 }
 
@@ -749,6 +803,26 @@ TEST_F(SocketTable, AddToAFullTableStoresNothing) {
   EXPECT_EQ(travik_io_socket_add(999, 42), -1);
   EXPECT_EQ(travik_io_socket_find(999, -1), -1);
   EXPECT_EQ(travik_io_socket_find(-1, 42), -1);
+}
+
+TEST_F(SocketTable, AddTakesAFreeSlotBeforeALaterSlotWithTheSameKey) {
+  travik_io_socket_add(5000, 7);
+  travik_io_socket_add(6000, 8);
+  travik_io_sockets[0][0] = travik_io_sockets[0][1] = -1;
+  // Slot 0 is free and comes first: the key is stored twice.
+  EXPECT_EQ(travik_io_socket_add(6000, 9), -1);
+  EXPECT_EQ(travik_io_sockets[0][0], 6000);
+  EXPECT_EQ(travik_io_sockets[0][1], 9);
+  EXPECT_EQ(travik_io_sockets[1][0], 6000);
+  EXPECT_EQ(travik_io_sockets[1][1], 8);
+}
+
+TEST_F(SocketTable, FindGivesTheFirstSlotMatchingKeyOrValue) {
+  travik_io_socket_add(5000, 7);
+  travik_io_socket_add(6000, 8);
+  EXPECT_EQ(travik_io_socket_find(6000, 7), 0);
+  EXPECT_EQ(travik_io_socket_find(5000, 8), 0);
+  EXPECT_EQ(travik_io_socket_find(-1, 8), 1);
 }
 
 TEST_F(SocketTable, FindByKeyOrByValue) {

@@ -542,6 +542,25 @@ TEST_F(Net, UdpWithoutLocalPortBindsAnyPort) {
   travik_io_destroy(io);
 }
 
+TEST_F(Net, UdpLocalPortKeyWithoutValueBindsAnyPort) {
+  travik_io *io = travik_io_create("udp://127.0.0.1:9/?localport");
+  ASSERT_EQ(travik_io_open(io, -1), 0);
+  EXPECT_NE(local_port(travik_io_handle(io)), 0);
+  EXPECT_NE(local_port(travik_io_handle(io)), 9);
+  travik_io_destroy(io);
+}
+
+TEST_F(Net, UdpLocalPortKeyWithoutValueTakesTheValueParsedBeforeIt) {
+  // The option lookup leaves the last value it parsed in the buffer, and a
+  // key without "=" matches without replacing it.
+  uint16_t port = free_port(SOCK_DGRAM);
+  std::string url = "udp://127.0.0.1:9/?x=" + std::to_string(port) + "&localport";
+  travik_io *io = travik_io_create(url.c_str());
+  ASSERT_EQ(travik_io_open(io, -1), 0);
+  EXPECT_EQ(local_port(travik_io_handle(io)), port);
+  travik_io_destroy(io);
+}
+
 TEST_F(Net, UdpWriteSendsToTheUrlsAddress) {
   int receiver = bound_socket(SOCK_DGRAM);
   std::string url = "udp://127.0.0.1:" + std::to_string(local_port(receiver)) + "/";

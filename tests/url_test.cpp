@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <travik/url.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -341,6 +342,39 @@ TEST(ParseWord, NonPositiveSizeWritesNothing) {
   EXPECT_EQ(travik_parse_word(line, word, 0), line + 3);
   EXPECT_EQ(travik_parse_word(line, word, -5), line + 3);
   EXPECT_EQ(word[0], 'Q');
+}
+
+TEST(ParseWord, MostNegativeSizeWritesNothing) {
+  const char *line = "abc def";
+  char word[2] = {'Q', 'Q'};
+  EXPECT_EQ(travik_parse_word(line, word, INT32_MIN), line + 3);
+  EXPECT_EQ(word[0], 'Q');
+  EXPECT_EQ(word[1], 'Q');
+}
+
+TEST(ParseWord2, NonPositiveSizeWritesNothingButStepsToTheDelimiter) {
+  const char *line = " ab cd=ef";
+  char word[2] = {'Q', 'Q'};
+  EXPECT_EQ(travik_parse_word2(line, word, 0, "="), line + 6);
+  EXPECT_EQ(travik_parse_word2(line, word, -5, "="), line + 6);
+  EXPECT_EQ(travik_parse_word2(line, word, INT32_MIN, "="), line + 6);
+  EXPECT_EQ(word[0], 'Q');
+  EXPECT_EQ(word[1], 'Q');
+}
+
+TEST(ParseWord2, SizeOneGivesEmptyWordButStepsToTheDelimiter) {
+  const char *line = "key=value";
+  char word[1] = {'Q'};
+  EXPECT_EQ(travik_parse_word2(line, word, 1, "="), line + 3);
+  EXPECT_EQ(word[0], '\0');
+}
+
+TEST(ParseWord2, LeadingWhiteSpaceIsSkippedEvenWhenItIsADelimiter) {
+  const char *line = "  ab cd";
+  char word[8];
+  const char *p = travik_parse_word2(line, word, sizeof word, " ");
+  EXPECT_STREQ(word, "ab");
+  EXPECT_EQ(p, line + 4);
 }
 
 TEST(ParseWord2, StopsAtADelimiterKeepingInnerSpaces) {

@@ -74,6 +74,7 @@ MemRegion *mem_state(travik_io *io) { return static_cast<MemRegion *>(io->backen
 
 int32_t mem_open(travik_io *io, int32_t) {
   auto *mem = static_cast<MemRegion *>(std::calloc(1, sizeof(MemRegion)));
+  // Without a port (-1) the region is empty.
   mem->size = io->url.port < 0 ? 0 : io->url.port;
   const char *host = io->url.host ? io->url.host : "";
   if (std::strcmp(host, "NULL") == 0) {
@@ -154,7 +155,10 @@ const travik_io_backend backends[] = {
 
 bool is_open(const travik_io *io) { return io->backend && io->backend_data; }
 
-// Bits per second over periods of at least one second.
+// Bits per second over periods of at least one second. The product is
+// formed in 64 bits so that rates above about 4 Mbit/s do not wrap, and a
+// failed read (a negative result) adds nothing rather than taking a byte
+// off the count.
 void measure_rate(travik_io *io, int32_t result) {
   travik_time now;
   travik_time_setcurrent(&now);
@@ -174,7 +178,9 @@ void measure_rate(travik_io *io, int32_t result) {
   if (result > 0) io->rate_bytes += static_cast<uint32_t>(result);
 }
 
-// Skips by reads of at most 1024 bytes until a piece comes back short.
+// Skips by reads of at most 1024 bytes until a piece comes back short. A
+// piece that failed (negative) ends the skip and counts as nothing, so the
+// result is the number of bytes actually skipped.
 int32_t skip_by_reading(travik_io *io, int32_t count) {
   char scratch[1024];
   int32_t skipped = 0;

@@ -35,6 +35,8 @@ int64_t elapsed_ms(const travik_time &start) {
 // Returns 1 when ready, 0 on timeout, -1 when the filter stops the wait, or
 // the negative result of a failed poll. A positive timeout is watched in
 // slices of 50 ms between which the filter is polled; timeout 0 blocks.
+// poll() stands in for select(): same readiness, but no FD_SETSIZE limit on
+// the descriptor, and a closed descriptor (POLLNVAL) fails like EBADF would.
 int wait_ready(travik_io *io, int fd, int mode) {
   travik_time start;
   travik_time_setcurrent(&start);
@@ -61,7 +63,9 @@ int wait_ready(travik_io *io, int fd, int mode) {
 
 // Reads until `count` bytes came, the peer closed (the bytes so far) or a
 // read failed (-1). A failed wait gives -1 and, when `sticky`, marks the
-// handle so that it reads nothing more.
+// handle so that it reads nothing more. Stream reads are sticky; the tunnel's
+// 4-byte command replies are not, so a silent tunnel fails its open or close
+// without keeping a later reopened handle from reading.
 int32_t read_full(travik_io *io, int fd, void *buffer, int32_t count, bool sticky) {
   auto *bytes = static_cast<char *>(buffer);
   int32_t got = 0;
@@ -136,7 +140,9 @@ bool release_slot(int32_t value) {
 // ---- "tcp" ----
 
 // The state is the address of a 32-bit descriptor: our own allocation, or
-// one that the application registered under the remote port.
+// one that the application registered under the remote port. A registered
+// state is recognised at close by that address (the slot's value), not by
+// the descriptor it holds, so the application's word is never freed.
 int32_t *tcp_state(travik_io *io) { return static_cast<int32_t *>(io->backend_data); }
 
 // The registered slot whose value is the address `state`, or -1.
@@ -233,7 +239,10 @@ int32_t tcp_handle(travik_io *io) { return *tcp_state(io); }
 
 int32_t udp_open(travik_io *io, int32_t) {
   auto *state = static_cast<UdpState *>(std::calloc(1, sizeof(UdpState)));
-  char value[32];
+  // A "localport" key without "=" leaves the buffer as the lookups found it
+  // (the last value they parsed); start it empty so that such a key alone
+  // means port 0 rather than whatever the stack held.
+  char value[32] = "";
   state->multicast = travik_url_findtag(&io->url, "multicast", value, sizeof value) ? 1 : 0;
   int32_t local_port = 0;
   if (travik_url_findtag(&io->url, "localport", value, sizeof value)) {
@@ -269,6 +278,8 @@ int32_t udp_open(travik_io *io, int32_t) {
       ok = false;
     }
   }
+  // On failure the state is dropped and the handle stays closed, so a later
+  // open tries again from the start.
   if (!ok) {
     std::perror("UDP CONNECT ERROR");
     if (fd >= 0) ::close(fd);
@@ -320,7 +331,8 @@ int32_t udp_write(travik_io *io, const void *buffer, int32_t count) {
 int32_t udp_close(travik_io *io) {
   UdpState *state = udp_state(io);
   if (release_slot(state->fd)) {
-    // The application's socket: left open, the group left joined.
+    // The application's socket: left open, the group left joined. Only our
+    // own state record is freed.
     std::free(state);
     return 0;
   }

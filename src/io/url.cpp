@@ -148,7 +148,8 @@ const char *travik_parse_word(const char *text, char *word, int32_t size) {
   while (*text && is_space(*text)) text++;
   int32_t length = 0;
   while (*text && !is_space(*text)) {
-    if (word && length < size - 1) word[length++] = *text;
+    // size > 0 first: size - 1 must not be formed for the most negative size.
+    if (word && size > 0 && length < size - 1) word[length++] = *text;
     text++;
   }
   if (word && size > 0) word[length] = '\0';
@@ -165,7 +166,7 @@ const char *travik_parse_word2(const char *text, char *word, int32_t size,
   while (*text && is_space(*text)) text++;
   int32_t length = 0;
   while (*text && !std::strchr(delimiters, *text)) {
-    if (word && length < size - 1) word[length++] = *text;
+    if (word && size > 0 && length < size - 1) word[length++] = *text;
     text++;
   }
   if (word && size > 0) word[length] = '\0';
