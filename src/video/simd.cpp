@@ -4,7 +4,7 @@
 #include "base/relaxed.h"
 #include "video/yuv2rgb_impl.h"
 
-#if defined(__arm__)
+#ifdef TRAVIK_VIDEO_NEON
 #include <sys/auxv.h>
 #endif
 
@@ -17,7 +17,7 @@ int32_t detect() {
   __builtin_cpu_init();
   if (__builtin_cpu_supports("avx2")) return TRAVIK_SIMD_AVX2;
   if (__builtin_cpu_supports("sse2")) return TRAVIK_SIMD_SSE2;
-#elif defined(__arm__)
+#elif defined(TRAVIK_VIDEO_NEON)
   if (getauxval(AT_HWCAP) & HWCAP_ARM_NEON) return TRAVIK_SIMD_NEON;
 #endif
   return TRAVIK_SIMD_NONE;

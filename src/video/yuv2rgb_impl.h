@@ -3,6 +3,13 @@
 
 #include <travik/yuv2rgb.h>
 
+// NEON routines need the floating-point register file; a software
+// floating-point build (for processors without an FPU) runs the reference
+// routines only.
+#if defined(__arm__) && !defined(__SOFTFP__)
+#define TRAVIK_VIDEO_NEON 1
+#endif
+
 namespace travik_video {
 
 // Shared clip tables, one per output depth, and the format that last built

@@ -12,7 +12,7 @@
 
 #include "video/yuv2rgb_impl.h"
 
-#if defined(__arm__)
+#ifdef TRAVIK_VIDEO_NEON
 
 #include <sys/auxv.h>
 
@@ -231,4 +231,4 @@ travik_yuv2rgb_fn simd_plain_routine(int32_t format, bool swap, int32_t level) {
 
 }  // namespace travik_video
 
-#endif  // __arm__
+#endif  // TRAVIK_VIDEO_NEON

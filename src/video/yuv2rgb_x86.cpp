@@ -411,7 +411,7 @@ travik_yuv2rgb_fn simd_plain_routine(int32_t format, bool swap, int32_t level) {
 
 }  // namespace travik_video
 
-#elif !defined(__arm__)  // neither x86 nor ARM (whose routines are in yuv2rgb_neon.cpp)
+#elif !defined(TRAVIK_VIDEO_NEON)  // neither x86 nor NEON (see yuv2rgb_neon.cpp)
 
 namespace travik_video {
 travik_yuv2rgb_fn simd_plain_routine(int32_t, bool, int32_t) { return nullptr; }

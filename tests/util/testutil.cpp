@@ -1,6 +1,7 @@
 #include "util/testutil.h"
 
 #include <fcntl.h>
+#include <iconv.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,6 +101,13 @@ void write_file(const std::string &path, const std::string &content) {
 long long now_ms() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+bool iconv_converts(const char *from, const char *to) {
+  iconv_t cd = iconv_open(to, from);
+  if (cd == reinterpret_cast<iconv_t>(-1)) return false;
+  iconv_close(cd);
+  return true;
 }
 
 }  // namespace travik_test

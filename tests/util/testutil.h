@@ -55,4 +55,15 @@ void write_file(const std::string &path, const std::string &content);
 // Milliseconds on a monotonic clock.
 long long now_ms();
 
+// Whether this system's iconv converts between the two character sets.
+// Cross sysroots may ship no conversion modules beyond UTF-8.
+bool iconv_converts(const char *from, const char *to);
+
 }  // namespace travik_test
+
+// Skips the current test when iconv cannot convert between the two sets.
+#define TRAVIK_SKIP_WITHOUT_ICONV(from, to)                                    \
+  do {                                                                         \
+    if (!travik_test::iconv_converts(from, to))                                \
+      GTEST_SKIP() << "iconv cannot convert " << (from) << " to " << (to);     \
+  } while (0)
