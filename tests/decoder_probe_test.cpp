@@ -10,23 +10,8 @@
 
 namespace {
 
-travik_test::TempDir *home = nullptr;
-
-class ProbeEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    home = new travik_test::TempDir();
-    setenv("HOME", home->path().c_str(), 1);
-    setenv("TRAVIK_PLUGINS_DIR", PROBE_PLUGINS_DIR, 1);
-    travik_init();
-  }
-  void TearDown() override {
-    travik_destroy();
-    delete home;
-  }
-};
-::testing::Environment *const environment =
-    ::testing::AddGlobalTestEnvironment(new ProbeEnvironment);
+::testing::Environment *const environment = ::testing::AddGlobalTestEnvironment(
+    new travik_test::LibraryEnvironment(PROBE_PLUGINS_DIR));
 
 std::string opened() {
   const char *value = std::getenv("TRAVIK_TEST_DECODER_OPENED");
@@ -89,7 +74,7 @@ TEST_F(DecoderProbe, RegisteredDriverBeatsAHigherPriorityPlugin) {
 }
 
 TEST_F(DecoderProbe, EqualPrioritiesGoToTheSectionFirstInTheCache) {
-  const std::string cache = travik_test::read_file(home->path() + "/.travik/decoder.cfg");
+  const std::string cache = travik_test::read_file(travik_test::LibraryEnvironment::home() + "/.travik/decoder.cfg");
   const size_t a = cache.find("[libdecoder_tie_a.so]");
   const size_t b = cache.find("[libdecoder_tie_b.so]");
   ASSERT_NE(a, std::string::npos);
@@ -138,7 +123,7 @@ TEST_F(DecoderProbe, UnknownCodecGivesNull) {
 }
 
 TEST_F(DecoderProbe, CacheHoldsTheCodecNumbersInHex) {
-  const std::string cache = travik_test::read_file(home->path() + "/.travik/decoder.cfg");
+  const std::string cache = travik_test::read_file(travik_test::LibraryEnvironment::home() + "/.travik/decoder.cfg");
   EXPECT_NE(cache.find("Codec[0] = 00000025"), std::string::npos);  // 37
   EXPECT_NE(cache.find("Codec[0] = 00000026"), std::string::npos);  // 38
   EXPECT_NE(cache.find("Codec[0] = 00000027"), std::string::npos);  // 39

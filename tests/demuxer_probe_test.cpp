@@ -9,23 +9,8 @@
 
 namespace {
 
-travik_test::TempDir *home = nullptr;
-
-class ProbeEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    home = new travik_test::TempDir();
-    setenv("HOME", home->path().c_str(), 1);
-    setenv("TRAVIK_PLUGINS_DIR", PROBE_PLUGINS_DIR, 1);
-    travik_init();
-  }
-  void TearDown() override {
-    travik_destroy();
-    delete home;
-  }
-};
-::testing::Environment *const environment =
-    ::testing::AddGlobalTestEnvironment(new ProbeEnvironment);
+::testing::Environment *const environment = ::testing::AddGlobalTestEnvironment(
+    new travik_test::LibraryEnvironment(PROBE_PLUGINS_DIR));
 
 std::string seen(const char *who) {
   const char *value = std::getenv((std::string("TRAVIK_TEST_PROBE_") + who).c_str());

@@ -17,25 +17,8 @@
 
 namespace {
 
-travik_test::TempDir *home = nullptr;
-
-class PluginEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    home = new travik_test::TempDir();
-    setenv("HOME", home->path().c_str(), 1);
-    setenv("TRAVIK_PLUGINS_DIR", TRAVIK_TEST_BINARY_DIR "/plugins", 1);
-    unsetenv("LANG");
-    unsetenv("TRAVIK_LANG");
-    travik_init();
-  }
-  void TearDown() override {
-    travik_destroy();
-    delete home;
-  }
-};
-::testing::Environment *const environment =
-    ::testing::AddGlobalTestEnvironment(new PluginEnvironment);
+::testing::Environment *const environment = ::testing::AddGlobalTestEnvironment(
+    new travik_test::LibraryEnvironment(TRAVIK_TEST_BINARY_DIR "/plugins"));
 
 // ---------------------------------------------------------------- writers
 

@@ -1,5 +1,7 @@
 #include "util/testutil.h"
 
+#include <travik/plugin.h>
+
 #include <fcntl.h>
 #include <iconv.h>
 #include <stdlib.h>
@@ -102,6 +104,29 @@ long long now_ms() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
+
+namespace {
+std::string g_home;
+}  // namespace
+
+void LibraryEnvironment::SetUp() {
+  home_ = new TempDir();
+  g_home = home_->path();
+  setenv("HOME", g_home.c_str(), 1);
+  setenv("TRAVIK_PLUGINS_DIR", plugins_dir_.c_str(), 1);
+  unsetenv("LANG");
+  unsetenv("TRAVIK_LANG");
+  travik_init();
+}
+
+void LibraryEnvironment::TearDown() {
+  travik_destroy();
+  delete home_;
+  home_ = nullptr;
+  g_home.clear();
+}
+
+const std::string &LibraryEnvironment::home() { return g_home; }
 
 bool iconv_converts(const char *from, const char *to) {
   iconv_t cd = iconv_open(to, from);

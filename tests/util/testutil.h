@@ -1,8 +1,11 @@
 // Helpers shared by the test programs.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
+#include <utility>
 
 namespace travik_test {
 
@@ -47,6 +50,23 @@ class TempDir {
 
  private:
   std::string path_;
+};
+
+// Starts the library once for a whole test program: HOME in a fresh
+// temporary directory (so the plugin caches start empty), the plugins of
+// `plugins_dir`, no language settings. Register it with
+// ::testing::AddGlobalTestEnvironment.
+class LibraryEnvironment : public ::testing::Environment {
+ public:
+  explicit LibraryEnvironment(std::string plugins_dir) : plugins_dir_(std::move(plugins_dir)) {}
+  void SetUp() override;
+  void TearDown() override;
+  // The temporary HOME, while the environment is set up.
+  static const std::string &home();
+
+ private:
+  std::string plugins_dir_;
+  TempDir *home_ = nullptr;
 };
 
 std::string read_file(const std::string &path);
