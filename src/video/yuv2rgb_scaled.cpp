@@ -1,0 +1,121 @@
+// Optimised scaled routines of the YUV to RGB converter (rotation 0).
+//
+// The reference scaled routine forms destination pixel (i, j) from
+//   Y at (xmap[i], ymap[j]) and U, V at (xmap[i] >> 1, ymap[j] >> 1),
+// so every destination pixel may have its own chroma pair: unlike the plain
+// routines, two neighbouring pixels need not share one. Each destination row
+// therefore gathers its luma and its chroma through the column map into
+// three full-width row buffers, and a row routine converts them sample by
+// sample. Rows that repeat the previous source row (enlarging) are copied
+// from the row just written, and the chroma buffers are kept while the
+// chroma row stays the same. The buffers and gather plans are made by
+// setscale, never per frame.
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "video/scale_impl.h"
+#include "video/yuv2rgb_impl.h"
+
+namespace travik_video {
+
+struct ScaleState {
+  int32_t width = 0;          // map entries the plans and buffers are made for
+  GatherPlan luma, chroma;    // xmap[i] and xmap[i] >> 1
+  std::vector<uint8_t> y, u, v;  // width + kRowPad bytes each
+};
+
+namespace {
+
+bool usable(const uint8_t *dst, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+            int32_t width, int32_t height) {
+  return dst && py && pu && pv && width > 0 && height > 0;
+}
+
+// The first `count` samples of a row: all of them through the plan (which
+// may read up to the row's width given to setscale), or byte by byte when
+// only part of the map is used, reading no column the reference would not.
+inline void gather(const GatherPlan &plan, int32_t count, uint8_t *out, const uint8_t *row,
+                   bool whole) {
+  if (whole) {
+    gather_row(&plan, out, row);
+    return;
+  }
+  const int32_t *columns = plan.columns.data();
+  for (int32_t i = 0; i < count; i++) out[i] = row[columns[i]];
+}
+
+template <int kBytes>
+void scaled(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst, int32_t dst_pitch,
+            const uint8_t *py, const uint8_t *pu, const uint8_t *pv, int32_t y_pitch,
+            int32_t uv_pitch, travik_yuv2rgb_fn reference) {
+  if (!usable(dst, py, pu, pv, width, height)) return;
+  if (!c->xmap || !c->ymap || width > c->map_width || height > c->map_height) return;
+  const SimdParams *params = static_cast<const SimdParams *>(c->priv);
+  ScaleState *s = params ? params->scale : nullptr;
+  const Row444 row = s && s->width == c->map_width ? simd_scaled_row(8 * kBytes, c->simd) : nullptr;
+  if (!row) {
+    reference(c, width, height, dst, dst_pitch, py, pu, pv, y_pitch, uv_pitch);
+    return;
+  }
+  const bool whole = width == s->width;
+  const ptrdiff_t row_bytes = static_cast<ptrdiff_t>(width) * kBytes;
+  // A repeated row is copied from the one above it when the two cannot
+  // overlap.
+  const bool may_copy = dst_pitch >= row_bytes || dst_pitch <= -row_bytes;
+  int32_t last_row = -1, last_chroma = -1;
+  for (int32_t j = 0; j < height; j++, dst += dst_pitch) {
+    const int32_t sy = c->ymap[j];
+    if (sy == last_row && may_copy) {
+      std::memcpy(dst, dst - dst_pitch, static_cast<size_t>(row_bytes));
+      continue;
+    }
+    gather(s->luma, width, s->y.data(), py + static_cast<ptrdiff_t>(sy) * y_pitch, whole);
+    if ((sy >> 1) != last_chroma) {
+      const ptrdiff_t at = static_cast<ptrdiff_t>(sy >> 1) * uv_pitch;
+      gather(s->chroma, width, s->u.data(), pu + at, whole);
+      gather(s->chroma, width, s->v.data(), pv + at, whole);
+      last_chroma = sy >> 1;
+    }
+    row(params, width, dst, s->y.data(), s->u.data(), s->v.data());
+    last_row = sy;
+  }
+}
+
+}  // namespace
+
+void convert32_scaled_simd(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
+                           const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
+                           int32_t uvp) {
+  scaled<4>(c, w, h, d, dp, y, u, v, yp, uvp, convert32_scaled);
+}
+
+void convert16_scaled_simd(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
+                           const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
+                           int32_t uvp) {
+  scaled<2>(c, w, h, d, dp, y, u, v, yp, uvp, convert16_scaled);
+}
+
+void scale_state_build(travik_yuv2rgb *c) {
+  auto *params = static_cast<SimdParams *>(c->priv);
+  if (!params || !c->xmap) return;
+  if (!params->scale) params->scale = new ScaleState;
+  ScaleState *s = params->scale;
+  const int32_t n = c->map_width;
+  std::vector<int32_t> halves(c->xmap, c->xmap + n);
+  for (int32_t &x : halves) x >>= 1;
+  plan_gather(&s->luma, c->xmap, n, c->source_width);
+  plan_gather(&s->chroma, halves.data(), n, (c->source_width + 1) / 2);
+  // Zero padding: the row routines read whole vectors past the last sample.
+  s->y.assign(static_cast<size_t>(n + kRowPad), 0);
+  s->u.assign(static_cast<size_t>(n + kRowPad), 0);
+  s->v.assign(static_cast<size_t>(n + kRowPad), 0);
+  s->width = n;
+}
+
+void scale_state_free(SimdParams *params) {
+  delete params->scale;
+  params->scale = nullptr;
+}
+
+}  // namespace travik_video
