@@ -465,7 +465,8 @@ int32_t travik_yuv2rgb_setscale(travik_yuv2rgb *c, int32_t src_width, int32_t sr
   c->source_width = src_width;
   c->source_height = src_height;
   c->scaling = 1;
-  if (c->simd > TRAVIK_SIMD_NONE) scale_state_build(c);
+  if (c->scaled[0] == convert32_scaled_simd || c->scaled[0] == convert16_scaled_simd)
+    scale_state_build(c);
   return select_routine(c);
 }
 

@@ -12,7 +12,6 @@
 // setscale, never per frame.
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "video/scale_impl.h"
 #include "video/yuv2rgb_impl.h"
@@ -22,7 +21,10 @@ namespace travik_video {
 struct ScaleState {
   int32_t width = 0;          // map entries the plans and buffers are made for
   GatherPlan luma, chroma;    // xmap[i] and xmap[i] >> 1
-  std::vector<uint8_t> y, u, v;  // width + kRowPad bytes each
+  uint8_t *y = nullptr;       // row buffers of width + kRowPad bytes
+  uint8_t *u = nullptr;
+  uint8_t *v = nullptr;
+  ~ScaleState() { std::free(y); }  // one block holds all three
 };
 
 namespace {
@@ -70,14 +72,14 @@ void scaled(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst, int3
       std::memcpy(dst, dst - dst_pitch, static_cast<size_t>(row_bytes));
       continue;
     }
-    gather(s->luma, width, s->y.data(), py + static_cast<ptrdiff_t>(sy) * y_pitch, whole);
+    gather(s->luma, width, s->y, py + static_cast<ptrdiff_t>(sy) * y_pitch, whole);
     if ((sy >> 1) != last_chroma) {
       const ptrdiff_t at = static_cast<ptrdiff_t>(sy >> 1) * uv_pitch;
-      gather(s->chroma, width, s->u.data(), pu + at, whole);
-      gather(s->chroma, width, s->v.data(), pv + at, whole);
+      gather(s->chroma, width, s->u, pu + at, whole);
+      gather(s->chroma, width, s->v, pv + at, whole);
       last_chroma = sy >> 1;
     }
-    row(params, width, dst, s->y.data(), s->u.data(), s->v.data());
+    row(params, width, dst, s->y, s->u, s->v);
     last_row = sy;
   }
 }
@@ -102,14 +104,17 @@ void scale_state_build(travik_yuv2rgb *c) {
   if (!params->scale) params->scale = new ScaleState;
   ScaleState *s = params->scale;
   const int32_t n = c->map_width;
-  std::vector<int32_t> halves(c->xmap, c->xmap + n);
-  for (int32_t &x : halves) x >>= 1;
-  plan_gather(&s->luma, c->xmap, n, c->source_width);
-  plan_gather(&s->chroma, halves.data(), n, (c->source_width + 1) / 2);
+  const size_t row = static_cast<size_t>(n) + kRowPad;
   // Zero padding: the row routines read whole vectors past the last sample.
-  s->y.assign(static_cast<size_t>(n + kRowPad), 0);
-  s->u.assign(static_cast<size_t>(n + kRowPad), 0);
-  s->v.assign(static_cast<size_t>(n + kRowPad), 0);
+  std::free(s->y);
+  s->y = static_cast<uint8_t *>(std::calloc(3, row));
+  s->u = s->y + row;
+  s->v = s->u + row;
+  auto *halves = static_cast<int32_t *>(std::malloc(sizeof(int32_t) * n));
+  for (int32_t i = 0; i < n; i++) halves[i] = c->xmap[i] >> 1;
+  plan_gather(&s->luma, c->xmap, n, c->source_width);
+  plan_gather(&s->chroma, halves, n, (c->source_width + 1) / 2);
+  std::free(halves);
   s->width = n;
 }
 
