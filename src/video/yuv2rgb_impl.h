@@ -76,6 +76,20 @@ void convert32_scaled_simd(travik_yuv2rgb *c, int32_t width, int32_t height, uin
 void convert16_scaled_simd(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
                            int32_t dst_pitch, const uint8_t *py, const uint8_t *pu,
                            const uint8_t *pv, int32_t y_pitch, int32_t uv_pitch);
+// Gathering 8 samples of a row from a window of 32 bytes with table lookups
+// (NEON on ARM): out[k] = row[base + index[k]]; base -1: byte by byte.
+struct Gather8 {
+  int32_t base;
+  uint8_t index[8];
+};
+// Blocks for the `count` columns (a last partial block goes byte by byte);
+// `limit`: bytes of a source row that may be read.
+void plan_gather8(Gather8 *blocks, const int32_t *columns, int32_t count, int32_t limit);
+#if defined(__arm__)
+void gather8_neon(const Gather8 *blocks, const int32_t *columns, int32_t count, uint8_t *out,
+                  const uint8_t *row);
+#endif
+
 // (Re)builds the row buffers and gather plans for the converter's maps;
 // called by setscale. Frees them.
 void scale_state_build(travik_yuv2rgb *c);

@@ -180,6 +180,21 @@ template void rows_neon<kRGB24>(ROWS_ARGS);
 
 }  // namespace
 
+void gather8_neon(const Gather8 *blocks, const int32_t *columns, int32_t count, uint8_t *out,
+                  const uint8_t *row) {
+  for (int32_t first = 0, b = 0; first < count; first += 8, b++) {
+    const Gather8 &g = blocks[b];
+    if (g.base >= 0) {
+      const uint8_t *s = row + g.base;
+      const uint8x8x4_t window = {{vld1_u8(s), vld1_u8(s + 8), vld1_u8(s + 16), vld1_u8(s + 24)}};
+      vst1_u8(out + first, vtbl4_u8(window, vld1_u8(g.index)));
+    } else {
+      const int32_t last = first + 8 < count ? first + 8 : count;
+      for (int32_t i = first; i < last; i++) out[i] = row[columns[i]];
+    }
+  }
+}
+
 }  // namespace travik_video
 
 #pragma GCC pop_options

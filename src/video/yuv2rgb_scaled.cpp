@@ -24,7 +24,13 @@ struct ScaleState {
   uint8_t *y = nullptr;       // row buffers of width + kRowPad bytes
   uint8_t *u = nullptr;
   uint8_t *v = nullptr;
-  ~ScaleState() { std::free(y); }  // one block holds all three
+  Gather8 *luma8 = nullptr;   // the same gathers in blocks of 8 (ARM)
+  Gather8 *chroma8 = nullptr;
+  ~ScaleState() {
+    std::free(y);  // one block holds all three
+    std::free(luma8);
+    std::free(chroma8);
+  }
 };
 
 namespace {
@@ -37,10 +43,15 @@ bool usable(const uint8_t *dst, const uint8_t *py, const uint8_t *pu, const uint
 // The first `count` samples of a row: all of them through the plan (which
 // may read up to the row's width given to setscale), or byte by byte when
 // only part of the map is used, reading no column the reference would not.
-inline void gather(const GatherPlan &plan, int32_t count, uint8_t *out, const uint8_t *row,
-                   bool whole) {
+inline void gather(const GatherPlan &plan, const Gather8 *blocks, int32_t count, uint8_t *out,
+                   const uint8_t *row, bool whole) {
   if (whole) {
+#if defined(__arm__)
+    gather8_neon(blocks, plan.columns.data(), count, out, row);
+#else
+    (void)blocks;
     gather_row(&plan, out, row);
+#endif
     return;
   }
   const int32_t *columns = plan.columns.data();
@@ -72,11 +83,11 @@ void scaled(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst, int3
       std::memcpy(dst, dst - dst_pitch, static_cast<size_t>(row_bytes));
       continue;
     }
-    gather(s->luma, width, s->y, py + static_cast<ptrdiff_t>(sy) * y_pitch, whole);
+    gather(s->luma, s->luma8, width, s->y, py + static_cast<ptrdiff_t>(sy) * y_pitch, whole);
     if ((sy >> 1) != last_chroma) {
       const ptrdiff_t at = static_cast<ptrdiff_t>(sy >> 1) * uv_pitch;
-      gather(s->chroma, width, s->u, pu + at, whole);
-      gather(s->chroma, width, s->v, pv + at, whole);
+      gather(s->chroma, s->chroma8, width, s->u, pu + at, whole);
+      gather(s->chroma, s->chroma8, width, s->v, pv + at, whole);
       last_chroma = sy >> 1;
     }
     row(params, width, dst, s->y, s->u, s->v);
@@ -114,8 +125,34 @@ void scale_state_build(travik_yuv2rgb *c) {
   for (int32_t i = 0; i < n; i++) halves[i] = c->xmap[i] >> 1;
   plan_gather(&s->luma, c->xmap, n, c->source_width);
   plan_gather(&s->chroma, halves, n, (c->source_width + 1) / 2);
+#if defined(__arm__)
+  const size_t blocks = sizeof(Gather8) * static_cast<size_t>((n + 7) / 8);
+  std::free(s->luma8);
+  std::free(s->chroma8);
+  s->luma8 = static_cast<Gather8 *>(std::malloc(blocks));
+  s->chroma8 = static_cast<Gather8 *>(std::malloc(blocks));
+  plan_gather8(s->luma8, c->xmap, n, c->source_width);
+  plan_gather8(s->chroma8, halves, n, (c->source_width + 1) / 2);
+#endif
   std::free(halves);
   s->width = n;
+}
+
+void plan_gather8(Gather8 *blocks, const int32_t *columns, int32_t count, int32_t limit) {
+  for (int32_t first = 0, b = 0; first < count; first += 8, b++) {
+    Gather8 &g = blocks[b];
+    g.base = -1;
+    if (first + 8 > count) continue;
+    const int32_t base = columns[first];
+    bool fits = base >= 0 && base + 32 <= limit;
+    for (int k = 0; k < 8 && fits; k++) {
+      const int32_t d = columns[first + k] - base;
+      fits = d >= 0 && d < 32;
+    }
+    if (!fits) continue;
+    g.base = base;
+    for (int k = 0; k < 8; k++) g.index[k] = static_cast<uint8_t>(columns[first + k] - base);
+  }
 }
 
 void scale_state_free(SimdParams *params) {
