@@ -179,6 +179,88 @@ void BM_Scale_libyuv(benchmark::State &state) {
 
 void BM_Scale_swscale(benchmark::State &s) { swscale(s, kDW, kDH, AV_PIX_FMT_YUV420P, 1); }
 
+// ----- 1280 x 720 converted with scaling to an 800 x 480 display
+
+constexpr int kSW = 1280, kSH = 720, kOW = 800, kOH = 480;
+
+Picture &small_source() {
+  static Picture p(kSW, kSH);
+  p.bind();
+  return p;
+}
+
+void travik_scaled(benchmark::State &state, int32_t format, int32_t level) {
+  Picture &p = small_source();
+  const int bpp = format == TRAVIK_PIXEL_RGB565 ? 2 : 4;
+  std::vector<uint8_t> out(static_cast<size_t>(kOW) * kOH * bpp);
+  const int32_t saved = travik_yuv2rgb_getsimd();
+  travik_yuv2rgb_setsimd(level);
+  travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+  travik_yuv2rgb_setscale(c, kSW, kSH, kOW, kOH);
+  travik_yuv2rgb_setsimd(saved);
+  for (auto _ : state) {
+    travik_yuv2rgb_convert(c, kOW, kOH, out.data(), kOW * bpp, p.planes[0], p.planes[1],
+                           p.planes[2], kSW, kSW / 2);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+  travik_yuv2rgb_destroy(c);
+  pixels(state, static_cast<int64_t>(kOW) * kOH);
+}
+
+void BM_ScaledRGB565_travik(benchmark::State &s) { travik_scaled(s, TRAVIK_PIXEL_RGB565, TRAVIK_SIMD_AVX2); }
+void BM_ScaledRGB565_travik_ssse3(benchmark::State &s) { travik_scaled(s, TRAVIK_PIXEL_RGB565, TRAVIK_SIMD_SSE2); }
+void BM_ScaledRGB565_travik_reference(benchmark::State &s) { travik_scaled(s, TRAVIK_PIXEL_RGB565, TRAVIK_SIMD_NONE); }
+void BM_ScaledARGB_travik(benchmark::State &s) { travik_scaled(s, TRAVIK_PIXEL_RGB32, TRAVIK_SIMD_AVX2); }
+void BM_ScaledARGB_travik_ssse3(benchmark::State &s) { travik_scaled(s, TRAVIK_PIXEL_RGB32, TRAVIK_SIMD_SSE2); }
+void BM_ScaledARGB_travik_reference(benchmark::State &s) { travik_scaled(s, TRAVIK_PIXEL_RGB32, TRAVIK_SIMD_NONE); }
+
+// libyuv in two steps: nearest-neighbour I420Scale into a picture of the
+// display size, then the conversion.
+void libyuv_scaled(benchmark::State &state, bool rgb565) {
+  Picture &p = small_source();
+  std::vector<uint8_t> y(kOW * kOH), u(kOW * kOH / 4), v(kOW * kOH / 4);
+  std::vector<uint8_t> out(static_cast<size_t>(kOW) * kOH * (rgb565 ? 2 : 4));
+  for (auto _ : state) {
+    libyuv::I420Scale(p.planes[0], kSW, p.planes[1], kSW / 2, p.planes[2], kSW / 2, kSW, kSH,
+                      y.data(), kOW, u.data(), kOW / 2, v.data(), kOW / 2, kOW, kOH,
+                      libyuv::kFilterNone);
+    if (rgb565)
+      libyuv::I420ToRGB565(y.data(), kOW, u.data(), kOW / 2, v.data(), kOW / 2, out.data(),
+                           kOW * 2, kOW, kOH);
+    else
+      libyuv::I420ToARGB(y.data(), kOW, u.data(), kOW / 2, v.data(), kOW / 2, out.data(),
+                         kOW * 4, kOW, kOH);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+  pixels(state, static_cast<int64_t>(kOW) * kOH);
+}
+
+void BM_ScaledRGB565_libyuv(benchmark::State &s) { libyuv_scaled(s, true); }
+void BM_ScaledARGB_libyuv(benchmark::State &s) { libyuv_scaled(s, false); }
+
+void swscale_scaled(benchmark::State &state, AVPixelFormat to, int bpp) {
+  Picture &p = small_source();
+  SwsContext *ctx = sws_getContext(kSW, kSH, AV_PIX_FMT_YUV420P, kOW, kOH, to, SWS_POINT,
+                                   nullptr, nullptr, nullptr);
+  std::vector<uint8_t> out(static_cast<size_t>(kOW) * kOH * bpp + 64);
+  const uint8_t *src[4] = {p.planes[0], p.planes[1], p.planes[2], nullptr};
+  const int src_stride[4] = {kSW, kSW / 2, kSW / 2, 0};
+  uint8_t *dst[4] = {out.data(), nullptr, nullptr, nullptr};
+  int dst_stride[4] = {kOW * bpp, 0, 0, 0};
+  for (auto _ : state) {
+    sws_scale(ctx, src, src_stride, 0, kSH, dst, dst_stride);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+  sws_freeContext(ctx);
+  pixels(state, static_cast<int64_t>(kOW) * kOH);
+}
+
+void BM_ScaledRGB565_swscale(benchmark::State &s) { swscale_scaled(s, AV_PIX_FMT_RGB565LE, 2); }
+void BM_ScaledARGB_swscale(benchmark::State &s) { swscale_scaled(s, AV_PIX_FMT_BGRA, 4); }
+
 // ----- memory-copy bandwidth: one 1920 x 1080 32-bit picture
 
 void BM_Memcpy_32bit_picture(benchmark::State &state) {
@@ -208,6 +290,16 @@ BENCHMARK(BM_Scale_travik)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Scale_travik_reference)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Scale_libyuv)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Scale_swscale)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledRGB565_travik)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledRGB565_travik_ssse3)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledRGB565_travik_reference)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledRGB565_libyuv)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledRGB565_swscale)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledARGB_travik)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledARGB_travik_ssse3)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledARGB_travik_reference)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledARGB_libyuv)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ScaledARGB_swscale)->Unit(benchmark::kMicrosecond);
 
 // Keeps each run's time per iteration so that the ratios can be printed.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -230,7 +322,7 @@ int main(int argc, char **argv) {
   auto &t = reporter.times;
   auto ratio = [&](const char *what, const std::string &ours, const std::string &theirs) {
     if (t.count(ours) && t.count(theirs))
-      std::printf("%-44s %6.2fx\n", what, t[theirs] / t[ours]);
+      std::printf("%-76s %6.2fx\n", what, t[theirs] / t[ours]);
   };
   std::printf("\nthroughput ratios from CPU time (travik / other, same run; above 1 = travik faster)\n");
   ratio("1920x1080 to ARGB:   travik / libyuv", "BM_ToARGB_travik", "BM_ToARGB_libyuv");
@@ -239,6 +331,22 @@ int main(int argc, char **argv) {
   ratio("1920x1080 to RGB565: travik / libswscale", "BM_ToRGB565_travik", "BM_ToRGB565_swscale");
   ratio("1080p to 720p nearest: travik / libyuv", "BM_Scale_travik", "BM_Scale_libyuv");
   ratio("1080p to 720p nearest: travik / libswscale", "BM_Scale_travik", "BM_Scale_swscale");
+  ratio("1280x720 4:2:0 scaled to 800x480 RGB565: optimised / reference", "BM_ScaledRGB565_travik",
+        "BM_ScaledRGB565_travik_reference");
+  ratio("1280x720 4:2:0 scaled to 800x480 RGB565: SSSE3 / reference",
+        "BM_ScaledRGB565_travik_ssse3", "BM_ScaledRGB565_travik_reference");
+  ratio("1280x720 4:2:0 scaled to 800x480 RGB565: travik / libyuv (I420Scale + I420ToRGB565)",
+        "BM_ScaledRGB565_travik", "BM_ScaledRGB565_libyuv");
+  ratio("1280x720 4:2:0 scaled to 800x480 RGB565: travik / libswscale", "BM_ScaledRGB565_travik",
+        "BM_ScaledRGB565_swscale");
+  ratio("1280x720 4:2:0 scaled to 800x480 32-bit: optimised / reference", "BM_ScaledARGB_travik",
+        "BM_ScaledARGB_travik_reference");
+  ratio("1280x720 4:2:0 scaled to 800x480 32-bit: SSSE3 / reference",
+        "BM_ScaledARGB_travik_ssse3", "BM_ScaledARGB_travik_reference");
+  ratio("1280x720 4:2:0 scaled to 800x480 32-bit: travik / libyuv (I420Scale + I420ToARGB)",
+        "BM_ScaledARGB_travik", "BM_ScaledARGB_libyuv");
+  ratio("1280x720 4:2:0 scaled to 800x480 32-bit: travik / libswscale", "BM_ScaledARGB_travik",
+        "BM_ScaledARGB_swscale");
   const std::string copy = "BM_Memcpy_32bit_picture";
   if (t.count(copy)) {
     const double us = t[copy];

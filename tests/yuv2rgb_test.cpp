@@ -711,4 +711,253 @@ TEST_F(Yuv2Rgb, OptimisedRoutinesEqualTheReferenceOnRandomPictures) {
   }
 }
 
+// ----- optimised scaled routines against the reference
+
+// A 4:2:0 picture whose planes end exactly at the last sample, so that the
+// address sanitizer sees any read past the source.
+struct TightPicture {
+  int width, height, y_pitch, uv_pitch;
+  std::vector<uint8_t> y, u, v;
+  TightPicture(int w, int h, uint32_t seed, int pad)
+      : width(w), height(h), y_pitch(w + pad), uv_pitch((w + 1) / 2 + pad) {
+    std::mt19937 rng(seed);
+    const int cw = (w + 1) / 2, ch = (h + 1) / 2;
+    y.resize(static_cast<size_t>(y_pitch) * (h - 1) + w);
+    u.resize(static_cast<size_t>(uv_pitch) * (ch - 1) + cw);
+    v.resize(u.size());
+    for (auto &b : y) b = static_cast<uint8_t>(rng());
+    for (auto &b : u) b = static_cast<uint8_t>(rng());
+    for (auto &b : v) b = static_cast<uint8_t>(rng());
+  }
+};
+
+struct ScaleCase {
+  int sw, sh, dw, dh;
+};
+
+// Converts `p` scaled to (dw, dh) (or a part of that) with the reference
+// routines and with every optimised level, and compares the bytes.
+void expect_scaled_equal(const std::vector<int32_t> &all, const TightPicture &p, int dw, int dh,
+                         int cw, int ch, int dst_pad, int matrix) {
+  travik_yuv2rgb_setmatrix(matrix);
+  for (const Variant &var : kVariants) {
+    const int bpp = bytes_of(var.format);
+    // The 24-bit routine (and the swapped 16-bit one) is also the scaled
+    // routine and converts at the source size in 8-pixel blocks, so it gets
+    // a size inside the source.
+    const bool plain = var.format == TRAVIK_PIXEL_RGB24 || var.swap;
+    const int w = plain ? std::min(cw, p.width) : cw;
+    const int h = plain ? std::min(ch, p.height) : ch;
+    const int arg = var.format == TRAVIK_PIXEL_RGB24 ? w / 8 : w;
+    travik_yuv2rgb_setsimd(0);
+    travik_yuv2rgb *ref = make(var);
+    ASSERT_EQ(travik_yuv2rgb_setscale(ref, p.width, p.height, dw, dh), 1);
+    Output expect(w * bpp, h, dst_pad);
+    travik_yuv2rgb_convert(ref, arg, h, expect.data(), expect.pitch, p.y.data(), p.u.data(),
+                           p.v.data(), p.y_pitch, p.uv_pitch);
+    for (size_t l = 1; l < all.size(); l++) {
+      travik_yuv2rgb_setsimd(all[l]);
+      travik_yuv2rgb *fast = make(var);
+      ASSERT_EQ(travik_yuv2rgb_setscale(fast, p.width, p.height, dw, dh), 1);
+      Output got(w * bpp, h, dst_pad);
+      travik_yuv2rgb_convert(fast, arg, h, got.data(), got.pitch, p.y.data(), p.u.data(),
+                             p.v.data(), p.y_pitch, p.uv_pitch);
+      ASSERT_TRUE(got.bytes == expect.bytes)
+          << "format " << var.format << " swap " << var.swap << " level " << all[l] << " source "
+          << p.width << "x" << p.height << " maps " << dw << "x" << dh << " converted " << w
+          << "x" << h << " matrix " << matrix;
+      travik_yuv2rgb_destroy(fast);
+    }
+    travik_yuv2rgb_destroy(ref);
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesAreChosenWhenAvailable) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  for (const Variant &var : kVariants) {
+    travik_yuv2rgb_setsimd(0);
+    travik_yuv2rgb *ref = make(var);
+    for (size_t l = 1; l < all.size(); l++) {
+      travik_yuv2rgb_setsimd(all[l]);
+      travik_yuv2rgb *fast = make(var);
+      EXPECT_NE(fast->scaled[0], ref->scaled[0]) << "format " << var.format << " swap " << var.swap;
+      ASSERT_EQ(travik_yuv2rgb_setscale(fast, 64, 48, 40, 30), 1);
+      EXPECT_EQ(fast->convert, fast->scaled[0]);
+      travik_yuv2rgb_destroy(fast);
+    }
+    travik_yuv2rgb_destroy(ref);
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesEqualTheReferenceOnChosenSizes) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const ScaleCase cases[] = {
+      {1280, 720, 800, 480},  // the usual display case
+      {320, 240, 800, 480},   // enlarging
+      {64, 48, 200, 150},     // enlarging by more than two
+      {1, 1, 37, 5},          // a single source pixel
+      {3, 3, 1, 1},           // a single destination pixel
+      {33, 17, 31, 15},       // odd sizes on both sides
+      {31, 15, 33, 17},
+      {47, 29, 16, 16},       // whole vectors out of odd sources
+      {17, 9, 65, 7},         // one more than a vector
+      {100, 50, 15, 63},      // shrinking one way, enlarging the other
+      {640, 360, 639, 359},   // nearly the identity
+      {48, 40, 48, 41},       // equal widths, rows differ
+      {40, 48, 41, 48},       // equal heights, columns differ
+      {2, 2, 97, 3},
+      {255, 3, 31, 2},
+  };
+  int index = 0;
+  for (const ScaleCase &k : cases) {
+    const TightPicture p(k.sw, k.sh, 1000 + index, index % 7);
+    expect_scaled_equal(all, p, k.dw, k.dh, k.dw, k.dh, index % 3 ? 5 : 0, index % 8);
+    if (HasFatalFailure()) return;
+    index++;
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesEqualTheReferenceOnRandomSizes) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  std::mt19937 rng(2024);
+  for (int trial = 0; trial < 48; trial++) {
+    const int sw = 1 + static_cast<int>(rng() % 260), sh = 1 + static_cast<int>(rng() % 60);
+    int dw = 1 + static_cast<int>(rng() % 260), dh = 1 + static_cast<int>(rng() % 60);
+    if (dw == sw && dh == sh) dw++;
+    const TightPicture p(sw, sh, rng(), static_cast<int>(rng() % 19));
+    expect_scaled_equal(all, p, dw, dh, dw, dh, static_cast<int>(rng() % 9), trial % 8);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// Converting fewer columns or rows than the maps have uses their first
+// entries only.
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesEqualTheReferenceOnPartsOfTheMaps) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  std::mt19937 rng(77);
+  for (int trial = 0; trial < 24; trial++) {
+    const int sw = 2 + static_cast<int>(rng() % 200), sh = 2 + static_cast<int>(rng() % 50);
+    const int dw = 2 + static_cast<int>(rng() % 200), dh = 2 + static_cast<int>(rng() % 50);
+    const int cw = 1 + static_cast<int>(rng() % dw), ch = 1 + static_cast<int>(rng() % dh);
+    const TightPicture p(sw, sh, rng(), static_cast<int>(rng() % 5));
+    expect_scaled_equal(all, p, dw == sw && dh == sh ? dw + 1 : dw, dh, cw, ch, 3, trial % 8);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// A 512 x 512 source holds every (U, V) pair once; converted nearly at its
+// own size, every pair meets the row routines.
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesEqualTheReferenceForEveryChromaPair) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  TightPicture p(512, 512, 5, 0);
+  for (int i = 0; i < 256 * 256; i++) {
+    p.u[i] = static_cast<uint8_t>(i & 0xFF);
+    p.v[i] = static_cast<uint8_t>(i >> 8);
+  }
+  for (int matrix = 0; matrix < 8; matrix++) {
+    expect_scaled_equal(all, p, 512, 511, 512, 511, 0, matrix);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// Converters of one depth share the table that decides the bit layout; the
+// optimised scaled routine follows the last create as the reference does.
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesFollowTheLastCreateOfTheDepth) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const TightPicture p(70, 30, 9, 2);
+  const int32_t pairs[][2] = {{TRAVIK_PIXEL_RGB32, TRAVIK_PIXEL_BGR32},
+                              {TRAVIK_PIXEL_BGR32, TRAVIK_PIXEL_RGB666},
+                              {TRAVIK_PIXEL_RGB565, TRAVIK_PIXEL_RGB555},
+                              {TRAVIK_PIXEL_RGB555, TRAVIK_PIXEL_RGB565}};
+  for (const auto &pair : pairs) {
+    const int bpp = bytes_of(pair[0]);
+    travik_yuv2rgb_setsimd(0);
+    travik_yuv2rgb *ref = travik_yuv2rgb_create(pair[0]);
+    travik_yuv2rgb *other = travik_yuv2rgb_create(pair[1]);
+    ASSERT_EQ(travik_yuv2rgb_setscale(ref, 70, 30, 45, 41), 1);
+    Output expect(45 * bpp, 41);
+    travik_yuv2rgb_convert(ref, 45, 41, expect.data(), expect.pitch, p.y.data(), p.u.data(),
+                           p.v.data(), p.y_pitch, p.uv_pitch);
+    for (size_t l = 1; l < all.size(); l++) {
+      travik_yuv2rgb_setsimd(all[l]);
+      travik_yuv2rgb *fast = travik_yuv2rgb_create(pair[0]);
+      travik_yuv2rgb *later = travik_yuv2rgb_create(pair[1]);
+      ASSERT_EQ(travik_yuv2rgb_setscale(fast, 70, 30, 45, 41), 1);
+      Output got(45 * bpp, 41);
+      travik_yuv2rgb_convert(fast, 45, 41, got.data(), got.pitch, p.y.data(), p.u.data(),
+                             p.v.data(), p.y_pitch, p.uv_pitch);
+      ASSERT_TRUE(got.bytes == expect.bytes) << pair[0] << " then " << pair[1];
+      travik_yuv2rgb_destroy(later);
+      travik_yuv2rgb_destroy(fast);
+    }
+    travik_yuv2rgb_destroy(other);
+    travik_yuv2rgb_destroy(ref);
+  }
+}
+
+// New maps for another size replace the row buffers: the converter keeps
+// matching the reference across size changes, and back to no scaling.
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesFollowNewMaps) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const TightPicture p(96, 64, 21, 4);
+  const int sizes[][2] = {{200, 100}, {17, 9}, {96, 64}, {150, 70}, {33, 65}};
+  for (int32_t format : {TRAVIK_PIXEL_RGB32, TRAVIK_PIXEL_RGB565}) {
+    const int bpp = bytes_of(format);
+    travik_yuv2rgb_setsimd(0);
+    travik_yuv2rgb *ref = travik_yuv2rgb_create(format);
+    travik_yuv2rgb_setsimd(all.back());
+    travik_yuv2rgb *fast = travik_yuv2rgb_create(format);
+    for (const auto &size : sizes) {
+      ASSERT_EQ(travik_yuv2rgb_setscale(ref, 96, 64, size[0], size[1]), 1);
+      ASSERT_EQ(travik_yuv2rgb_setscale(fast, 96, 64, size[0], size[1]), 1);
+      Output expect(size[0] * bpp, size[1]), got(size[0] * bpp, size[1]);
+      travik_yuv2rgb_convert(ref, size[0], size[1], expect.data(), expect.pitch, p.y.data(),
+                             p.u.data(), p.v.data(), p.y_pitch, p.uv_pitch);
+      travik_yuv2rgb_convert(fast, size[0], size[1], got.data(), got.pitch, p.y.data(),
+                             p.u.data(), p.v.data(), p.y_pitch, p.uv_pitch);
+      ASSERT_TRUE(got.bytes == expect.bytes) << format << " at " << size[0] << "x" << size[1];
+    }
+    travik_yuv2rgb_destroy(fast);
+    travik_yuv2rgb_destroy(ref);
+  }
+}
+
+// Rows drawn twice (enlarging) into a destination whose pitch is smaller
+// than a row: the rows overlap, and the result is still the reference's.
+TEST_F(Yuv2Rgb, OptimisedScaledRoutinesWithOverlappingDestinationRows) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const TightPicture p(40, 10, 31, 0);
+  for (int32_t format : {TRAVIK_PIXEL_RGB32, TRAVIK_PIXEL_RGB565}) {
+    const int bpp = bytes_of(format);
+    for (int pitch : {0, 8 * bpp}) {
+      std::vector<uint8_t> expect(static_cast<size_t>(80 * bpp + 40 * pitch), 0x5A);
+      std::vector<uint8_t> got(expect.size(), 0x5A);
+      travik_yuv2rgb_setsimd(0);
+      travik_yuv2rgb *ref = travik_yuv2rgb_create(format);
+      ASSERT_EQ(travik_yuv2rgb_setscale(ref, 40, 10, 80, 40), 1);
+      travik_yuv2rgb_convert(ref, 80, 40, expect.data(), pitch, p.y.data(), p.u.data(),
+                             p.v.data(), p.y_pitch, p.uv_pitch);
+      for (size_t l = 1; l < all.size(); l++) {
+        travik_yuv2rgb_setsimd(all[l]);
+        travik_yuv2rgb *fast = travik_yuv2rgb_create(format);
+        ASSERT_EQ(travik_yuv2rgb_setscale(fast, 40, 10, 80, 40), 1);
+        std::fill(got.begin(), got.end(), 0x5A);
+        travik_yuv2rgb_convert(fast, 80, 40, got.data(), pitch, p.y.data(), p.u.data(),
+                               p.v.data(), p.y_pitch, p.uv_pitch);
+        ASSERT_TRUE(got == expect) << format << " pitch " << pitch << " level " << all[l];
+        travik_yuv2rgb_destroy(fast);
+      }
+      travik_yuv2rgb_destroy(ref);
+    }
+  }
+}
+
 }  // namespace

@@ -13,7 +13,9 @@
  * columns beyond a multiple of 8 and a last odd row are left alone. The
  * 24-bit routine takes its width as a count of 8-pixel blocks. Scaled
  * routines take the destination size and sample the source through the maps
- * built by travik_yuv2rgb_setscale (nearest neighbour).
+ * built by travik_yuv2rgb_setscale (nearest neighbour). The optimised scaled
+ * routines convert through row buffers of the converter, made by setscale:
+ * one converter converts in one thread at a time.
  *
  * Rotations: 0 none, 1 quarter turn counter-clockwise (16-bit formats only),
  * 2 none available, 3 quarter turn clockwise (32- and 16-bit formats). The

@@ -210,19 +210,9 @@ void turned_rows(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
   }
 }
 
-void convert32_scaled(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
-                      const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
-                      int32_t uvp) {
-  scaled_rows<uint32_t>(c, w, h, d, dp, y, u, v, yp, uvp);
-}
 void convert32_cw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
                   const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp, int32_t uvp) {
   turned_rows<uint32_t, true>(c, w, h, d, dp, y, u, v, yp, uvp);
-}
-void convert16_scaled(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
-                      const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
-                      int32_t uvp) {
-  scaled_rows<uint16_t>(c, w, h, d, dp, y, u, v, yp, uvp);
 }
 void convert16_cw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
                   const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp, int32_t uvp) {
@@ -341,7 +331,10 @@ travik_yuv2rgb *create(int32_t format, bool swap) {
       find_formula(off_gu, -cgu, &params->green_u) &&
       find_formula(off_gv, -cgv, &params->green_v) && find_formula(off_b, cbu, &params->blue)) {
     if (travik_yuv2rgb_fn fast = simd_plain_routine(format, swap && depth == 16, level)) {
-      if (c->scaled[0] == c->plain[0]) c->scaled[0] = fast;
+      if (c->scaled[0] == c->plain[0])
+        c->scaled[0] = fast;
+      else if (simd_scaled_row(depth, level))
+        c->scaled[0] = depth == 32 ? convert32_scaled_simd : convert16_scaled_simd;
       c->plain[0] = fast;
       c->simd = static_cast<uint8_t>(level);
     }
@@ -378,6 +371,16 @@ void convert16_plain_swap(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, i
   plain_rows<uint16_t, true>(c, w, h, d, dp, y, u, v, yp, uvp);
 }
 
+void convert32_scaled(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
+                      const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
+                      int32_t uvp) {
+  scaled_rows<uint32_t>(c, w, h, d, dp, y, u, v, yp, uvp);
+}
+void convert16_scaled(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
+                      const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
+                      int32_t uvp) {
+  scaled_rows<uint16_t>(c, w, h, d, dp, y, u, v, yp, uvp);
+}
 // Three bytes a pixel (red, green, blue); `blocks` counts 8-pixel blocks.
 void convert24(travik_yuv2rgb *c, int32_t blocks, int32_t height, uint8_t *dst,
                int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
@@ -462,6 +465,8 @@ int32_t travik_yuv2rgb_setscale(travik_yuv2rgb *c, int32_t src_width, int32_t sr
   c->source_width = src_width;
   c->source_height = src_height;
   c->scaling = 1;
+  if (c->scaled[0] == convert32_scaled_simd || c->scaled[0] == convert16_scaled_simd)
+    scale_state_build(c);
   return select_routine(c);
 }
 
@@ -476,6 +481,7 @@ void travik_yuv2rgb_destroy(travik_yuv2rgb *c) {
   if (!c) return;
   std::free(c->xmap);
   std::free(c->ymap);
+  if (c->priv) scale_state_free(static_cast<SimdParams *>(c->priv));
   std::free(c->priv);
   std::free(c);
 }

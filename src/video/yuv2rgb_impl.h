@@ -47,12 +47,60 @@ struct OffsetFormula {
   int16_t mul;
   int32_t shift;
 };
+struct ScaleState;
 struct SimdParams {
   OffsetFormula red;    // from V
   OffsetFormula green_u;
   OffsetFormula green_v;
   OffsetFormula blue;   // from U
+  ScaleState *scale;    // row buffers of the optimised scaled routines
 };
+
+// The scaled reference routines for rotation 0.
+void convert32_scaled(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                      int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+                      int32_t y_pitch, int32_t uv_pitch);
+void convert16_scaled(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                      int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+                      int32_t y_pitch, int32_t uv_pitch);
+
+// One row of full-resolution samples: pixel i of `dst` from y[i], u[i] and
+// v[i], i < n. The sample rows are read up to n rounded up to kRowPad.
+using Row444 = void (*)(const SimdParams *params, int32_t n, uint8_t *dst, const uint8_t *y,
+                        const uint8_t *u, const uint8_t *v);
+constexpr int32_t kRowPad = 32;
+
+// The optimised row routine of a depth (32 or 16) for the bit layout its
+// shared table has now, at a level; NULL when there is none.
+Row444 simd_scaled_row(int32_t depth, int32_t level);
+
+// Optimised scaled routines for rotation 0: each destination row gathers its
+// samples through the maps into the converter's row buffers, then converts
+// them with the depth's row routine.
+void convert32_scaled_simd(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                           int32_t dst_pitch, const uint8_t *py, const uint8_t *pu,
+                           const uint8_t *pv, int32_t y_pitch, int32_t uv_pitch);
+void convert16_scaled_simd(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                           int32_t dst_pitch, const uint8_t *py, const uint8_t *pu,
+                           const uint8_t *pv, int32_t y_pitch, int32_t uv_pitch);
+// Gathering 8 samples of a row from a window of 32 bytes with table lookups
+// (NEON on ARM): out[k] = row[base + index[k]]; base -1: byte by byte.
+struct Gather8 {
+  int32_t base;
+  uint8_t index[8];
+};
+// Blocks for the `count` columns (a last partial block goes byte by byte);
+// `limit`: bytes of a source row that may be read.
+void plan_gather8(Gather8 *blocks, const int32_t *columns, int32_t count, int32_t limit);
+#if defined(__arm__)
+void gather8_neon(const Gather8 *blocks, const int32_t *columns, int32_t count, uint8_t *out,
+                  const uint8_t *row);
+#endif
+
+// (Re)builds the row buffers and gather plans for the converter's maps;
+// called by setscale. Frees them.
+void scale_state_build(travik_yuv2rgb *c);
+void scale_state_free(SimdParams *params);
 
 // The level the processor offers and the level now allowed.
 int32_t simd_available();

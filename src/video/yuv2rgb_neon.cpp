@@ -14,6 +14,8 @@
 
 #ifdef TRAVIK_VIDEO_NEON
 
+#include <cstring>
+
 #include <sys/auxv.h>
 
 #pragma GCC push_options
@@ -123,6 +125,50 @@ void rows_neon(const SimdParams *params, int32_t chunks, int32_t height, uint8_t
   }
 }
 
+// Full-resolution rows for the scaled routines: every pixel its own chroma
+// pair, 16 pixels at a time.
+template <int kPack>
+inline void block444(const SimdParams &p, uint8_t *d, const uint8_t *py, const uint8_t *pu,
+                     const uint8_t *pv) {
+  constexpr int kBytes = bytes_of(kPack);
+  const int16x8_t sixteen = vdupq_n_s16(16);
+  const uint8x16_t y = vld1q_u8(py);
+  for (int half = 0; half < 2; half++) {
+    const int16x8_t u = widen(pu + 8 * half), v = widen(pv + 8 * half);
+    const int16x8_t r = vsubq_s16(offset(v, p.red), sixteen);
+    const int16x8_t g = vsubq_s16(vaddq_s16(offset(u, p.green_u), offset(v, p.green_v)), sixteen);
+    const int16x8_t b = vsubq_s16(offset(u, p.blue), sixteen);
+    const int16x8_t yw =
+        vreinterpretq_s16_u16(vmovl_u8(half ? vget_high_u8(y) : vget_low_u8(y)));
+    pack8<kPack>(d + 8 * half * kBytes, component(yw, r), component(yw, g), component(yw, b));
+  }
+}
+
+template <int kPack>
+void row444_neon(const SimdParams *params, int32_t n, uint8_t *dst, const uint8_t *py,
+                 const uint8_t *pu, const uint8_t *pv) {
+  constexpr int kBytes = bytes_of(kPack);
+  const SimdParams p = *params;
+  int32_t i = 0;
+  for (; i + 16 <= n; i += 16) block444<kPack>(p, dst + i * kBytes, py + i, pu + i, pv + i);
+  if (i < n) {
+    uint8_t last[16 * kBytes];
+    block444<kPack>(p, last, py + i, pu + i, pv + i);
+    std::memcpy(dst + i * kBytes, last, static_cast<size_t>(n - i) * kBytes);
+  }
+}
+
+#define ROW444_ARGS \
+  const SimdParams *, int32_t, uint8_t *, const uint8_t *, const uint8_t *, const uint8_t *
+
+template void row444_neon<kRGB32>(ROW444_ARGS);
+template void row444_neon<kBGR32>(ROW444_ARGS);
+template void row444_neon<kRGB666>(ROW444_ARGS);
+template void row444_neon<kRGB565>(ROW444_ARGS);
+template void row444_neon<kRGB555>(ROW444_ARGS);
+
+#undef ROW444_ARGS
+
 template void rows_neon<kRGB32>(ROWS_ARGS);
 template void rows_neon<kBGR32>(ROWS_ARGS);
 template void rows_neon<kRGB666>(ROWS_ARGS);
@@ -133,6 +179,21 @@ template void rows_neon<kRGB555Swap>(ROWS_ARGS);
 template void rows_neon<kRGB24>(ROWS_ARGS);
 
 }  // namespace
+
+void gather8_neon(const Gather8 *blocks, const int32_t *columns, int32_t count, uint8_t *out,
+                  const uint8_t *row) {
+  for (int32_t first = 0, b = 0; first < count; first += 8, b++) {
+    const Gather8 &g = blocks[b];
+    if (g.base >= 0) {
+      const uint8_t *s = row + g.base;
+      const uint8x8x4_t window = {{vld1_u8(s), vld1_u8(s + 8), vld1_u8(s + 16), vld1_u8(s + 24)}};
+      vst1_u8(out + first, vtbl4_u8(window, vld1_u8(g.index)));
+    } else {
+      const int32_t last = first + 8 < count ? first + 8 : count;
+      for (int32_t i = first; i < last; i++) out[i] = row[columns[i]];
+    }
+  }
+}
 
 }  // namespace travik_video
 
@@ -208,7 +269,25 @@ void convert24_neon(travik_yuv2rgb *c, int32_t blocks, int32_t h, uint8_t *d, in
               v + 8 * chunks, yp, uvp);
 }
 
-bool have_neon() { return (getauxval(AT_HWCAP) & HWCAP_ARM_NEON) != 0; }
+bool have_neon() {
+  static const bool present = (getauxval(AT_HWCAP) & HWCAP_ARM_NEON) != 0;
+  return present;
+}
+
+Row444 row444_32() {
+  switch (layout32()) {
+    case TRAVIK_PIXEL_BGR32:
+      return row444_neon<kBGR32>;
+    case TRAVIK_PIXEL_RGB666:
+      return row444_neon<kRGB666>;
+    default:
+      return row444_neon<kRGB32>;
+  }
+}
+
+Row444 row444_16() {
+  return layout16() == TRAVIK_PIXEL_RGB555 ? row444_neon<kRGB555> : row444_neon<kRGB565>;
+}
 
 }  // namespace
 
@@ -227,6 +306,13 @@ travik_yuv2rgb_fn simd_plain_routine(int32_t format, bool swap, int32_t level) {
     default:
       return nullptr;
   }
+}
+
+Row444 simd_scaled_row(int32_t depth, int32_t level) {
+  if (level < TRAVIK_SIMD_NEON || !have_neon()) return nullptr;
+  if (depth == 32) return row444_32();
+  if (depth == 16) return row444_16();
+  return nullptr;
 }
 
 }  // namespace travik_video

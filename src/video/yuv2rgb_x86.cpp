@@ -13,6 +13,8 @@
 
 #include "video/yuv2rgb_impl.h"
 
+#include <cstring>
+
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
@@ -144,6 +146,43 @@ SSSE3 void rows_ssse3(const SimdParams *params, int32_t chunks, int32_t height, 
     py += 2 * y_pitch;
     pu += uv_pitch;
     pv += uv_pitch;
+  }
+}
+
+// Full-resolution rows for the scaled routines: every pixel its own chroma
+// pair, 16 pixels at a time.
+template <int kPack>
+SSSE3 inline void block444_ssse3(const SimdParams *p, uint8_t *d, const uint8_t *py,
+                                 const uint8_t *pu, const uint8_t *pv) {
+  constexpr int kBytes = bytes_of(kPack);
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i bias = _mm_set1_epi16(128);
+  const __m128i sixteen = _mm_set1_epi16(16);
+  const __m128i u8 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pu));
+  const __m128i v8 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pv));
+  const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i *>(py));
+  for (int half = 0; half < 2; half++) {
+    const __m128i u = _mm_sub_epi16(half ? _mm_unpackhi_epi8(u8, zero) : _mm_unpacklo_epi8(u8, zero), bias);
+    const __m128i v = _mm_sub_epi16(half ? _mm_unpackhi_epi8(v8, zero) : _mm_unpacklo_epi8(v8, zero), bias);
+    const __m128i yw = half ? _mm_unpackhi_epi8(y, zero) : _mm_unpacklo_epi8(y, zero);
+    const __m128i r = _mm_sub_epi16(offset(v, p->red), sixteen);
+    const __m128i g =
+        _mm_sub_epi16(_mm_add_epi16(offset(u, p->green_u), offset(v, p->green_v)), sixteen);
+    const __m128i b = _mm_sub_epi16(offset(u, p->blue), sixteen);
+    pack8<kPack>(d + 8 * half * kBytes, component(yw, r), component(yw, g), component(yw, b));
+  }
+}
+
+template <int kPack>
+SSSE3 void row444_ssse3(const SimdParams *p, int32_t n, uint8_t *dst, const uint8_t *py,
+                        const uint8_t *pu, const uint8_t *pv) {
+  constexpr int kBytes = bytes_of(kPack);
+  int32_t i = 0;
+  for (; i + 16 <= n; i += 16) block444_ssse3<kPack>(p, dst + i * kBytes, py + i, pu + i, pv + i);
+  if (i < n) {
+    uint8_t last[16 * kBytes];
+    block444_ssse3<kPack>(p, last, py + i, pu + i, pv + i);
+    std::memcpy(dst + i * kBytes, last, static_cast<size_t>(n - i) * kBytes);
   }
 }
 
@@ -314,6 +353,47 @@ AVX2 void rows_avx2(const SimdParams *params, int32_t chunks, int32_t height, ui
   }
 }
 
+// Full-resolution rows for the scaled routines, 32 pixels at a time: the
+// in-lane unpacking of the samples gives the same halves as pack_half takes.
+template <int kPack>
+AVX2 inline void block444_avx2(const SimdParams &p, uint8_t *d, const uint8_t *py,
+                               const uint8_t *pu, const uint8_t *pv) {
+  constexpr int kBytes = bytes_of(kPack);
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i bias = _mm256_set1_epi16(128);
+  const __m256i sixteen = _mm256_set1_epi16(16);
+  const __m256i u8 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(pu));
+  const __m256i v8 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(pv));
+  const __m256i y = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(py));
+  for (int half = 0; half < 2; half++) {
+    const __m256i u = _mm256_sub_epi16(
+        half ? _mm256_unpackhi_epi8(u8, zero) : _mm256_unpacklo_epi8(u8, zero), bias);
+    const __m256i v = _mm256_sub_epi16(
+        half ? _mm256_unpackhi_epi8(v8, zero) : _mm256_unpacklo_epi8(v8, zero), bias);
+    const __m256i yw = half ? _mm256_unpackhi_epi8(y, zero) : _mm256_unpacklo_epi8(y, zero);
+    const __m256i r = _mm256_sub_epi16(offset(v, p.red), sixteen);
+    const __m256i g = _mm256_sub_epi16(
+        _mm256_add_epi16(offset(u, p.green_u), offset(v, p.green_v)), sixteen);
+    const __m256i b = _mm256_sub_epi16(offset(u, p.blue), sixteen);
+    pack_half<kPack>(d + 8 * half * kBytes, component(yw, r), component(yw, g),
+                     component(yw, b));
+  }
+}
+
+template <int kPack>
+AVX2 void row444_avx2(const SimdParams *params, int32_t n, uint8_t *dst, const uint8_t *py,
+                      const uint8_t *pu, const uint8_t *pv) {
+  constexpr int kBytes = bytes_of(kPack);
+  const SimdParams p = *params;
+  int32_t i = 0;
+  for (; i + 32 <= n; i += 32) block444_avx2<kPack>(p, dst + i * kBytes, py + i, pu + i, pv + i);
+  if (i < n) {
+    uint8_t last[32 * kBytes];
+    block444_avx2<kPack>(p, last, py + i, pu + i, pv + i);
+    std::memcpy(dst + i * kBytes, last, static_cast<size_t>(n - i) * kBytes);
+  }
+}
+
 // ---------------------------------------------------------------- entries
 
 using Rows = void (*)(const SimdParams *, int32_t, int32_t, uint8_t *, int32_t, const uint8_t *,
@@ -383,9 +463,28 @@ void convert24_ssse3(travik_yuv2rgb *c, int32_t blocks, int32_t h, uint8_t *d, i
               v + 8 * chunks, yp, uvp);
 }
 
+Row444 row444_32(bool avx2) {
+  switch (layout32()) {
+    case TRAVIK_PIXEL_BGR32:
+      return avx2 ? row444_avx2<kBGR32> : row444_ssse3<kBGR32>;
+    case TRAVIK_PIXEL_RGB666:
+      return avx2 ? row444_avx2<kRGB666> : row444_ssse3<kRGB666>;
+    default:
+      return avx2 ? row444_avx2<kRGB32> : row444_ssse3<kRGB32>;
+  }
+}
+
+Row444 row444_16(bool avx2) {
+  if (layout16() == TRAVIK_PIXEL_RGB555) return avx2 ? row444_avx2<kRGB555> : row444_ssse3<kRGB555>;
+  return avx2 ? row444_avx2<kRGB565> : row444_ssse3<kRGB565>;
+}
+
 bool have_ssse3() {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("ssse3") != 0;
+  static const bool present = [] {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("ssse3") != 0;
+  }();
+  return present;
 }
 
 }  // namespace
@@ -409,12 +508,21 @@ travik_yuv2rgb_fn simd_plain_routine(int32_t format, bool swap, int32_t level) {
   }
 }
 
+Row444 simd_scaled_row(int32_t depth, int32_t level) {
+  const bool avx2 = level >= TRAVIK_SIMD_AVX2;
+  if (level < TRAVIK_SIMD_SSE2 || (!avx2 && !have_ssse3())) return nullptr;
+  if (depth == 32) return row444_32(avx2);
+  if (depth == 16) return row444_16(avx2);
+  return nullptr;
+}
+
 }  // namespace travik_video
 
 #elif !defined(TRAVIK_VIDEO_NEON)  // neither x86 nor NEON (see yuv2rgb_neon.cpp)
 
 namespace travik_video {
 travik_yuv2rgb_fn simd_plain_routine(int32_t, bool, int32_t) { return nullptr; }
+Row444 simd_scaled_row(int32_t, int32_t) { return nullptr; }
 }  // namespace travik_video
 
 #endif
