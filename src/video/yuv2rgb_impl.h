@@ -92,7 +92,7 @@ struct Gather8 {
 // Blocks for the `count` columns (a last partial block goes byte by byte);
 // `limit`: bytes of a source row that may be read.
 void plan_gather8(Gather8 *blocks, const int32_t *columns, int32_t count, int32_t limit);
-#if defined(__arm__)
+#ifdef TRAVIK_VIDEO_NEON
 void gather8_neon(const Gather8 *blocks, const int32_t *columns, int32_t count, uint8_t *out,
                   const uint8_t *row);
 #endif

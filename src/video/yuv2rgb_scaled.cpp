@@ -46,7 +46,7 @@ bool usable(const uint8_t *dst, const uint8_t *py, const uint8_t *pu, const uint
 inline void gather(const GatherPlan &plan, const Gather8 *blocks, int32_t count, uint8_t *out,
                    const uint8_t *row, bool whole) {
   if (whole) {
-#if defined(__arm__)
+#ifdef TRAVIK_VIDEO_NEON
     gather8_neon(blocks, plan.columns.data(), count, out, row);
 #else
     (void)blocks;
@@ -125,7 +125,7 @@ void scale_state_build(travik_yuv2rgb *c) {
   for (int32_t i = 0; i < n; i++) halves[i] = c->xmap[i] >> 1;
   plan_gather(&s->luma, c->xmap, n, c->source_width);
   plan_gather(&s->chroma, halves, n, (c->source_width + 1) / 2);
-#if defined(__arm__)
+#ifdef TRAVIK_VIDEO_NEON
   const size_t blocks = sizeof(Gather8) * static_cast<size_t>((n + 7) / 8);
   std::free(s->luma8);
   std::free(s->chroma8);
