@@ -89,10 +89,10 @@ struct Gather8 {
   int32_t base;
   uint8_t index[8];
 };
+#ifdef TRAVIK_VIDEO_NEON
 // Blocks for the `count` columns (a last partial block goes byte by byte);
 // `limit`: bytes of a source row that may be read.
 void plan_gather8(Gather8 *blocks, const int32_t *columns, int32_t count, int32_t limit);
-#ifdef TRAVIK_VIDEO_NEON
 void gather8_neon(const Gather8 *blocks, const int32_t *columns, int32_t count, uint8_t *out,
                   const uint8_t *row);
 #endif

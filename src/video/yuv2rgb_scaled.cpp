@@ -138,6 +138,7 @@ void scale_state_build(travik_yuv2rgb *c) {
   s->width = n;
 }
 
+#ifdef TRAVIK_VIDEO_NEON
 void plan_gather8(Gather8 *blocks, const int32_t *columns, int32_t count, int32_t limit) {
   for (int32_t first = 0, b = 0; first < count; first += 8, b++) {
     Gather8 &g = blocks[b];
@@ -154,6 +155,7 @@ void plan_gather8(Gather8 *blocks, const int32_t *columns, int32_t count, int32_
     for (int k = 0; k < 8; k++) g.index[k] = static_cast<uint8_t>(columns[first + k] - base);
   }
 }
+#endif
 
 void scale_state_free(SimdParams *params) {
   delete params->scale;
