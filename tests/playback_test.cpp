@@ -31,7 +31,7 @@ void put32(std::string &s, uint32_t v) {
   put16(s, v >> 16);
 }
 
-struct WavSpec {
+struct WavLayout {
   uint32_t tag = 1;
   uint32_t channels = 2;
   uint32_t rate = 44100;
@@ -41,27 +41,27 @@ struct WavSpec {
   bool list_chunk = false;     // an extra chunk before "data"
 };
 
-std::string wav_bytes(const WavSpec &spec, const std::string &samples) {
+std::string wav_bytes(const WavLayout &layout, const std::string &samples) {
   std::string fmt;
-  put16(fmt, spec.tag);
-  put16(fmt, spec.channels);
-  put32(fmt, spec.rate);
-  put32(fmt, spec.rate * spec.channels * spec.bits / 8);
-  put16(fmt, spec.channels * spec.bits / 8);
-  put16(fmt, spec.bits);
-  while (fmt.size() < spec.format_size) fmt.push_back(0);
+  put16(fmt, layout.tag);
+  put16(fmt, layout.channels);
+  put32(fmt, layout.rate);
+  put32(fmt, layout.rate * layout.channels * layout.bits / 8);
+  put16(fmt, layout.channels * layout.bits / 8);
+  put16(fmt, layout.bits);
+  while (fmt.size() < layout.format_size) fmt.push_back(0);
   std::string body = "WAVE";
   body += "fmt ";
   put32(body, static_cast<uint32_t>(fmt.size()));
   body += fmt;
-  if (spec.list_chunk) {
+  if (layout.list_chunk) {
     body += "LIST";
     put32(body, 5);
     body += "abcde";
     body.push_back(0);  // pad byte
   }
   body += "data";
-  put32(body, spec.declared_data >= 0 ? static_cast<uint32_t>(spec.declared_data)
+  put32(body, layout.declared_data >= 0 ? static_cast<uint32_t>(layout.declared_data)
                                       : static_cast<uint32_t>(samples.size()));
   body += samples;
   std::string file = "RIFF";
@@ -84,7 +84,7 @@ std::string le_bytes(const std::vector<int16_t> &v) {
   return s;
 }
 
-struct Y4mSpec {
+struct Y4mLayout {
   int width = 64;
   int height = 48;
   int frames = 5;
@@ -96,13 +96,13 @@ uint8_t pixel(int plane, int x, int y, int frame) {
   return static_cast<uint8_t>(plane * 71 + x * 3 + y * 5 + frame * 11);
 }
 
-std::string y4m_bytes(const Y4mSpec &spec) {
-  std::string s = "YUV4MPEG2 W" + std::to_string(spec.width) + " H" +
-                  std::to_string(spec.height) + spec.params + "\n";
-  for (int f = 0; f < spec.frames; f++) {
-    s += spec.frame_line;
+std::string y4m_bytes(const Y4mLayout &layout) {
+  std::string s = "YUV4MPEG2 W" + std::to_string(layout.width) + " H" +
+                  std::to_string(layout.height) + layout.params + "\n";
+  for (int f = 0; f < layout.frames; f++) {
+    s += layout.frame_line;
     for (int plane = 0; plane < 3; plane++) {
-      const int w = plane ? spec.width / 2 : spec.width, h = plane ? spec.height / 2 : spec.height;
+      const int w = plane ? layout.width / 2 : layout.width, h = plane ? layout.height / 2 : layout.height;
       for (int y = 0; y < h; y++)
         for (int x = 0; x < w; x++) s.push_back(static_cast<char>(pixel(plane, x, y, f)));
     }
@@ -201,7 +201,7 @@ class Files : public ::testing::Test {
 TEST_F(Files, WavSixteenBitStereoPlays) {
   const int frames = 10000;
   std::vector<int16_t> samples = pattern16(frames, 2);
-  std::string path = write("tone.wav", wav_bytes(WavSpec(), le_bytes(samples)));
+  std::string path = write("tone.wav", wav_bytes(WavLayout(), le_bytes(samples)));
   Playback play(path);
   ASSERT_NE(play.demuxer(), nullptr);
   EXPECT_STREQ(play.demuxer()->driver->description,
@@ -246,7 +246,7 @@ TEST_F(Files, WavSixteenBitStereoPlays) {
 TEST_F(Files, WavSeekIsSampleAccurate) {
   const int frames = 44100;
   std::vector<int16_t> samples = pattern16(frames, 2);
-  Playback play(write("seek.wav", wav_bytes(WavSpec(), le_bytes(samples))));
+  Playback play(write("seek.wav", wav_bytes(WavLayout(), le_bytes(samples))));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   ASSERT_NE(play.decoder(), nullptr);
@@ -270,7 +270,7 @@ TEST_F(Files, WavSeekIsSampleAccurate) {
 }
 
 TEST_F(Files, WavSeekPastTheEndEndsTheInput) {
-  Playback play(write("short.wav", wav_bytes(WavSpec(), le_bytes(pattern16(100, 2)))));
+  Playback play(write("short.wav", wav_bytes(WavLayout(), le_bytes(pattern16(100, 2)))));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   EXPECT_EQ(travik_demuxer_seek(play.demuxer(), 60000, 0), 0);
@@ -279,13 +279,13 @@ TEST_F(Files, WavSeekPastTheEndEndsTheInput) {
 }
 
 TEST_F(Files, WavEightBitMonoPlays) {
-  WavSpec spec;
-  spec.channels = 1;
-  spec.rate = 8000;
-  spec.bits = 8;
+  WavLayout layout;
+  layout.channels = 1;
+  layout.rate = 8000;
+  layout.bits = 8;
   std::string data;
   for (int i = 0; i < 3000; i++) data.push_back(static_cast<char>(i * 7));
-  Playback play(write("eight.wav", wav_bytes(spec, data)));
+  Playback play(write("eight.wav", wav_bytes(layout, data)));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   EXPECT_EQ(play.stream()->info.codec, TRAVIK_CODEC_PCM_U8);
@@ -301,13 +301,13 @@ TEST_F(Files, WavEightBitMonoPlays) {
 
 // Known G.711 code points and their 16-bit values.
 TEST_F(Files, WavALawPlays) {
-  WavSpec spec;
-  spec.tag = 6;
-  spec.channels = 1;
-  spec.rate = 8000;
-  spec.bits = 8;
+  WavLayout layout;
+  layout.tag = 6;
+  layout.channels = 1;
+  layout.rate = 8000;
+  layout.bits = 8;
   const std::string data = {'\xD5', '\x55', '\xAA', '\x2A', '\xD4'};
-  Playback play(write("alaw.wav", wav_bytes(spec, data)));
+  Playback play(write("alaw.wav", wav_bytes(layout, data)));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   EXPECT_EQ(play.stream()->info.codec, TRAVIK_CODEC_PCM_ALAW);
@@ -319,13 +319,13 @@ TEST_F(Files, WavALawPlays) {
 }
 
 TEST_F(Files, WavMuLawPlays) {
-  WavSpec spec;
-  spec.tag = 7;
-  spec.channels = 1;
-  spec.rate = 8000;
-  spec.bits = 8;
+  WavLayout layout;
+  layout.tag = 7;
+  layout.channels = 1;
+  layout.rate = 8000;
+  layout.bits = 8;
   const std::string data = {'\xFF', '\x7F', '\x80', '\x00', '\xFE'};
-  Playback play(write("ulaw.wav", wav_bytes(spec, data)));
+  Playback play(write("ulaw.wav", wav_bytes(layout, data)));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   EXPECT_EQ(play.stream()->info.codec, TRAVIK_CODEC_PCM_MULAW);
@@ -337,13 +337,13 @@ TEST_F(Files, WavMuLawPlays) {
 }
 
 TEST_F(Files, WavSixChannelsAtAnOddRatePlay) {
-  WavSpec spec;
-  spec.channels = 6;
-  spec.rate = 11025;
-  spec.list_chunk = true;
-  spec.format_size = 18;  // with a zero extra-size field
+  WavLayout layout;
+  layout.channels = 6;
+  layout.rate = 11025;
+  layout.list_chunk = true;
+  layout.format_size = 18;  // with a zero extra-size field
   std::vector<int16_t> samples = pattern16(2000, 6);
-  Playback play(write("surround.wav", wav_bytes(spec, le_bytes(samples))));
+  Playback play(write("surround.wav", wav_bytes(layout, le_bytes(samples))));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   EXPECT_EQ(play.stream()->info.channels, 6);
@@ -356,19 +356,19 @@ TEST_F(Files, WavSixChannelsAtAnOddRatePlay) {
 }
 
 TEST_F(Files, UpperCaseExtensionIsMatched) {
-  Playback play(write("LOUD.WAV", wav_bytes(WavSpec(), le_bytes(pattern16(10, 2)))));
+  Playback play(write("LOUD.WAV", wav_bytes(WavLayout(), le_bytes(pattern16(10, 2)))));
   ASSERT_NE(play.demuxer(), nullptr);
   EXPECT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
 }
 
 TEST_F(Files, UnclaimedExtensionGivesNoDemuxer) {
-  Playback play(write("tone.xyz", wav_bytes(WavSpec(), le_bytes(pattern16(10, 2)))));
+  Playback play(write("tone.xyz", wav_bytes(WavLayout(), le_bytes(pattern16(10, 2)))));
   EXPECT_EQ(play.demuxer(), nullptr);
 }
 
 TEST_F(Files, WavFromMemoryPlays) {
   std::vector<int16_t> samples = pattern16(3000, 2);
-  std::string bytes = wav_bytes(WavSpec(), le_bytes(samples));
+  std::string bytes = wav_bytes(WavLayout(), le_bytes(samples));
   char url[128];
   std::snprintf(url, sizeof url, "mem://%llx:%u/clip.wav",
                 static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(bytes.data())),
@@ -400,7 +400,7 @@ TEST_F(BadWav, EmptyFileIsNotClaimed) { EXPECT_EQ(header(""), -100); }
 TEST_F(BadWav, GarbageIsNotClaimed) { EXPECT_EQ(header(std::string(300, 'x')), -100); }
 
 TEST_F(BadWav, TruncatedHeaderIsRefused) {
-  std::string full = wav_bytes(WavSpec(), le_bytes(pattern16(10, 2)));
+  std::string full = wav_bytes(WavLayout(), le_bytes(pattern16(10, 2)));
   for (size_t cut : {12u, 16u, 20u, 30u, 40u}) {
     SCOPED_TRACE(cut);
     EXPECT_NE(header(full.substr(0, cut)), 0);
@@ -409,31 +409,31 @@ TEST_F(BadWav, TruncatedHeaderIsRefused) {
 
 TEST_F(BadWav, AbsurdRatesAreRefused) {
   for (uint32_t rate : {0u, 100000000u, 0xFFFFFFFFu}) {
-    WavSpec spec;
-    spec.rate = rate;
-    EXPECT_NE(header(wav_bytes(spec, std::string(16, 0))), 0) << rate;
+    WavLayout layout;
+    layout.rate = rate;
+    EXPECT_NE(header(wav_bytes(layout, std::string(16, 0))), 0) << rate;
   }
 }
 
 TEST_F(BadWav, NoChannelsOrTooManyAreRefused) {
   for (uint32_t channels : {0u, 65535u}) {
-    WavSpec spec;
-    spec.channels = channels;
-    EXPECT_NE(header(wav_bytes(spec, std::string(16, 0))), 0) << channels;
+    WavLayout layout;
+    layout.channels = channels;
+    EXPECT_NE(header(wav_bytes(layout, std::string(16, 0))), 0) << channels;
   }
 }
 
 TEST_F(BadWav, UnsupportedFormatsAreRefused) {
-  WavSpec mp3;
+  WavLayout mp3;
   mp3.tag = 0x55;
   EXPECT_NE(header(wav_bytes(mp3, std::string(16, 0))), 0);
-  WavSpec deep;
+  WavLayout deep;
   deep.bits = 24;
   EXPECT_NE(header(wav_bytes(deep, std::string(18, 0))), 0);
 }
 
 TEST_F(BadWav, AbsurdFormatChunkSizeIsRefused) {
-  std::string bytes = wav_bytes(WavSpec(), le_bytes(pattern16(10, 2)));
+  std::string bytes = wav_bytes(WavLayout(), le_bytes(pattern16(10, 2)));
   bytes[16] = '\xF0';
   bytes[17] = '\xFF';
   bytes[18] = '\xFF';
@@ -442,19 +442,19 @@ TEST_F(BadWav, AbsurdFormatChunkSizeIsRefused) {
 }
 
 TEST_F(BadWav, ChunkLargerThanTheFileIsRefused) {
-  WavSpec spec;
-  spec.list_chunk = true;
-  std::string bytes = wav_bytes(spec, le_bytes(pattern16(10, 2)));
+  WavLayout layout;
+  layout.list_chunk = true;
+  std::string bytes = wav_bytes(layout, le_bytes(pattern16(10, 2)));
   const size_t list = bytes.find("LIST");
   bytes[list + 7] = '\x40';  // 0x40000005 bytes
   EXPECT_NE(header(bytes), 0);
 }
 
 TEST_F(BadWav, DataLargerThanTheFileEndsWithAnError) {
-  WavSpec spec;
-  spec.declared_data = 1000000;
+  WavLayout layout;
+  layout.declared_data = 1000000;
   std::vector<int16_t> samples = pattern16(1000, 2);
-  Playback play(write("long.wav", wav_bytes(spec, le_bytes(samples))));
+  Playback play(write("long.wav", wav_bytes(layout, le_bytes(samples))));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   std::vector<travik_packet *> packets;
@@ -468,10 +468,10 @@ TEST_F(BadWav, DataLargerThanTheFileEndsWithAnError) {
 }
 
 TEST_F(BadWav, UnknownDataSizeRunsToTheEnd) {
-  WavSpec spec;
-  spec.declared_data = 0xFFFFFFFF;
+  WavLayout layout;
+  layout.declared_data = 0xFFFFFFFF;
   std::vector<int16_t> samples = pattern16(1000, 2);
-  Playback play(write("stream.wav", wav_bytes(spec, le_bytes(samples))));
+  Playback play(write("stream.wav", wav_bytes(layout, le_bytes(samples))));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   std::vector<travik_packet *> packets;
@@ -484,7 +484,7 @@ TEST_F(BadWav, UnknownDataSizeRunsToTheEnd) {
 TEST_F(BadWav, PartialLastSampleFrameIsDropped) {
   std::vector<int16_t> samples = pattern16(100, 2);
   std::string data = le_bytes(samples) + "\x01\x02\x03";
-  Playback play(write("odd.wav", wav_bytes(WavSpec(), data)));
+  Playback play(write("odd.wav", wav_bytes(WavLayout(), data)));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   std::vector<travik_packet *> packets;
@@ -496,13 +496,13 @@ TEST_F(BadWav, PartialLastSampleFrameIsDropped) {
 
 // ---------------------------------------------------------------- Y4M
 
-void expect_picture(travik_videoframe *f, const Y4mSpec &spec, int frame) {
+void expect_picture(travik_videoframe *f, const Y4mLayout &layout, int frame) {
   ASSERT_EQ(f->kind, TRAVIK_FRAME_VIDEO);
   ASSERT_EQ(f->format, TRAVIK_PIXEL_YUV420P);
-  ASSERT_EQ(f->width, spec.width);
-  ASSERT_EQ(f->height, spec.height);
+  ASSERT_EQ(f->width, layout.width);
+  ASSERT_EQ(f->height, layout.height);
   for (int plane = 0; plane < 3; plane++) {
-    const int w = plane ? spec.width / 2 : spec.width, h = plane ? spec.height / 2 : spec.height;
+    const int w = plane ? layout.width / 2 : layout.width, h = plane ? layout.height / 2 : layout.height;
     for (int y = 0; y < h; y++)
       for (int x = 0; x < w; x++)
         ASSERT_EQ(f->planes[plane][y * f->pitches[plane] + x], pixel(plane, x, y, frame))
@@ -511,8 +511,8 @@ void expect_picture(travik_videoframe *f, const Y4mSpec &spec, int frame) {
 }
 
 TEST_F(Files, Y4mPlays) {
-  Y4mSpec spec;
-  Playback play(write("clip.y4m", y4m_bytes(spec)));
+  Y4mLayout layout;
+  Playback play(write("clip.y4m", y4m_bytes(layout)));
   ASSERT_NE(play.demuxer(), nullptr);
   EXPECT_STREQ(play.demuxer()->driver->description, "YUV4MPEG2 demuxer (4:2:0)");
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
@@ -545,17 +545,17 @@ TEST_F(Files, Y4mPlays) {
     auto *f = static_cast<travik_videoframe *>(frames[0]);
     EXPECT_EQ(f->timestamp, times[i]);
     EXPECT_EQ(f->info, 1u);
-    expect_picture(f, spec, i);
+    expect_picture(f, layout, i);
     f->release(f);
   }
   release_all(packets);
 }
 
 TEST_F(Files, Y4mSeekIsFrameAccurate) {
-  Y4mSpec spec;
-  spec.frames = 30;
-  spec.params = " F25:1";
-  Playback play(write("seek.y4m", y4m_bytes(spec)));
+  Y4mLayout layout;
+  layout.frames = 30;
+  layout.params = " F25:1";
+  Playback play(write("seek.y4m", y4m_bytes(layout)));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   ASSERT_NE(play.decoder(), nullptr);
@@ -570,7 +570,7 @@ TEST_F(Files, Y4mSeekIsFrameAccurate) {
     EXPECT_EQ(p->pts, frame * 40000);
     std::vector<void *> frames = play.decode(p);
     ASSERT_EQ(frames.size(), 1u);
-    expect_picture(static_cast<travik_videoframe *>(frames[0]), spec, frame);
+    expect_picture(static_cast<travik_videoframe *>(frames[0]), layout, frame);
     static_cast<travik_videoframe *>(frames[0])->release(
         static_cast<travik_videoframe *>(frames[0]));
     p->release(p);
@@ -580,11 +580,11 @@ TEST_F(Files, Y4mSeekIsFrameAccurate) {
 }
 
 TEST_F(Files, Y4mSeeksThroughFrameParameters) {
-  Y4mSpec spec;
-  spec.frames = 8;
-  spec.params = " F10:1 It";
-  spec.frame_line = "FRAME Ib XYZ=1\n";
-  Playback play(write("params.y4m", y4m_bytes(spec)));
+  Y4mLayout layout;
+  layout.frames = 8;
+  layout.params = " F10:1 It";
+  layout.frame_line = "FRAME Ib XYZ=1\n";
+  Playback play(write("params.y4m", y4m_bytes(layout)));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   EXPECT_EQ(play.stream()->user0, 1);  // top field first
@@ -597,15 +597,15 @@ TEST_F(Files, Y4mSeeksThroughFrameParameters) {
   ASSERT_NE(play.decoder(), nullptr);
   std::vector<void *> frames = play.decode(p);
   ASSERT_EQ(frames.size(), 1u);
-  expect_picture(static_cast<travik_videoframe *>(frames[0]), spec, 5);
+  expect_picture(static_cast<travik_videoframe *>(frames[0]), layout, 5);
   static_cast<travik_videoframe *>(frames[0])->release(static_cast<travik_videoframe *>(frames[0]));
   p->release(p);
 }
 
 TEST_F(Files, Y4mWithoutFramesEndsAtOnce) {
-  Y4mSpec spec;
-  spec.frames = 0;
-  Playback play(write("empty.y4m", y4m_bytes(spec)));
+  Y4mLayout layout;
+  layout.frames = 0;
+  Playback play(write("empty.y4m", y4m_bytes(layout)));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   EXPECT_EQ(travik_demuxer_parse(play.demuxer(), nullptr), TRAVIK_DEMUXER_END);
@@ -653,9 +653,9 @@ TEST_F(BadY4m, HeaderWithoutNewlineIsRefused) {
 }
 
 TEST_F(BadY4m, TruncatedFrameIsAnError) {
-  Y4mSpec spec;
-  spec.frames = 2;
-  std::string bytes = y4m_bytes(spec);
+  Y4mLayout layout;
+  layout.frames = 2;
+  std::string bytes = y4m_bytes(layout);
   bytes.resize(bytes.size() - 10);
   Playback play(write("cut.y4m", bytes));
   ASSERT_NE(play.demuxer(), nullptr);
@@ -669,9 +669,9 @@ TEST_F(BadY4m, TruncatedFrameIsAnError) {
 }
 
 TEST_F(BadY4m, GarbageInsteadOfAFrameIsAnError) {
-  Y4mSpec spec;
-  spec.frames = 1;
-  std::string bytes = y4m_bytes(spec) + "FRAMX\n" + std::string(64 * 48 * 3 / 2, 'a');
+  Y4mLayout layout;
+  layout.frames = 1;
+  std::string bytes = y4m_bytes(layout) + "FRAMX\n" + std::string(64 * 48 * 3 / 2, 'a');
   Playback play(write("junk.y4m", bytes));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
@@ -686,7 +686,7 @@ TEST_F(BadY4m, GarbageInsteadOfAFrameIsAnError) {
 // ---------------------------------------------------------------- decoders
 
 TEST_F(Files, DecoderIsChosenByName) {
-  Playback play(write("named.wav", wav_bytes(WavSpec(), le_bytes(pattern16(10, 2)))));
+  Playback play(write("named.wav", wav_bytes(WavLayout(), le_bytes(pattern16(10, 2)))));
   ASSERT_NE(play.demuxer(), nullptr);
   ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
   travik_decoder *d = travik_decoder_create_by_name(play.stream(), nullptr, "PCM");
