@@ -3,7 +3,7 @@
 // The reference quarter turns convert the same 2 x 2 groups as the plain
 // routine (pairs of rows, whole blocks of 8 columns) and write every pixel
 // to its turned place one by one. These routines convert a tile of the
-// source (kTileRows rows of up to kTileColumns columns) with the optimised
+// source (a few row pairs of up to kTileColumns columns) with the optimised
 // rotation-0 routine into the converter's tile buffer, then transpose the
 // tile into the destination in blocks of 8 x 8 pixels with vector shuffles.
 // Both turns are one transpose with signed pitches:
@@ -27,8 +27,11 @@ namespace travik_video {
 
 namespace {
 
-constexpr int32_t kTileRows = 8;       // even: whole row pairs
-constexpr int32_t kTileColumns = 256;  // a multiple of 8 and of every vector chunk
+// A tile is one cache line of destination bytes high (16 rows of 32-bit or
+// 32 rows of 16-bit pixels, whole row pairs) and kTileColumns wide.
+constexpr int32_t kTileBytes = 64;
+constexpr int32_t kTileColumns = 128;  // a multiple of 8 and of every vector chunk
+constexpr int32_t tile_rows(int32_t bytes) { return kTileBytes / bytes; }
 
 // Transposes 8 rows of 8 pixels at `src` (rows `src_pitch` bytes apart) into
 // 8 rows of 8 pixels at `dst` (rows `dst_pitch` bytes apart): destination
@@ -215,25 +218,27 @@ Block8 block_for(int32_t, int32_t) { return nullptr; }
 struct TurnState {
   travik_yuv2rgb_fn rows;  // the optimised rotation-0 routine, bytes not exchanged
   Block8 block;
-  uint8_t *tile;           // kTileRows x kTileColumns pixels
+  uint8_t *tile;           // tile_rows(bytes) x kTileColumns pixels
 };
 
 namespace {
 
 // Moves the n x m pixels of the tile (n rows of m pixels, m a multiple of
 // 8) to the destination: pixel k of tile row r to pixel r of the row
-// dst + k * dst_pitch.
+// dst + k * dst_pitch. Groups of 8 rows go through the 8 x 8 transpose.
 template <int kBytes>
 void place(Block8 block, const uint8_t *tile, ptrdiff_t tile_pitch, int32_t n, int32_t m,
            uint8_t *dst, ptrdiff_t dst_pitch) {
-  if (n == 8) {
-    for (int32_t k = 0; k < m; k += 8)
-      block(tile + k * kBytes, tile_pitch, dst + k * dst_pitch, dst_pitch);
-    return;
-  }
+  const int32_t whole = n & ~7;
+  for (int32_t k = 0; k < m; k += 8)
+    for (int32_t r = 0; r < whole; r += 8)
+      block(tile + r * tile_pitch + k * kBytes, tile_pitch, dst + k * dst_pitch + r * kBytes,
+            dst_pitch);
+  if (whole == n) return;
   for (int32_t k = 0; k < m; k++) {
     uint8_t *d = dst + k * dst_pitch;
-    for (int32_t r = 0; r < n; r++) std::memcpy(d + r * kBytes, tile + r * tile_pitch + k * kBytes, kBytes);
+    for (int32_t r = whole; r < n; r++)
+      std::memcpy(d + r * kBytes, tile + r * tile_pitch + k * kBytes, kBytes);
   }
 }
 
@@ -255,8 +260,9 @@ void turned(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst, int3
   const int32_t rows = (height / 2) * 2;
   const ptrdiff_t tile_pitch = static_cast<ptrdiff_t>(kTileColumns) * kBytes;
   const ptrdiff_t dp = dst_pitch;
-  for (int32_t y0 = 0; y0 < rows; y0 += kTileRows) {
-    const int32_t n = rows - y0 < kTileRows ? rows - y0 : kTileRows;
+  constexpr int32_t kRows = tile_rows(kBytes);
+  for (int32_t y0 = 0; y0 < rows; y0 += kRows) {
+    const int32_t n = rows - y0 < kRows ? rows - y0 : kRows;
     const uint8_t *ys = py + static_cast<ptrdiff_t>(y0) * y_pitch;
     const ptrdiff_t uv_at = static_cast<ptrdiff_t>(y0 / 2) * uv_pitch;
     for (int32_t x0 = 0; x0 < columns; x0 += kTileColumns) {
@@ -303,7 +309,7 @@ bool turn_state_build(SimdParams *params, int32_t bytes, travik_yuv2rgb_fn rows,
   t->rows = rows;
   t->block = block;
   t->tile = static_cast<uint8_t *>(
-      std::malloc(static_cast<size_t>(kTileRows) * kTileColumns * static_cast<size_t>(bytes)));
+      std::malloc(static_cast<size_t>(tile_rows(bytes)) * kTileColumns * static_cast<size_t>(bytes)));
   params->turn = t;
   return true;
 }
