@@ -39,6 +39,10 @@ constexpr int32_t tile_rows(int32_t bytes) { return kTileBytes / bytes; }
 using Block8 = void (*)(const uint8_t *src, ptrdiff_t src_pitch, uint8_t *dst,
                         ptrdiff_t dst_pitch);
 
+// The same for 16 rows of 8 pixels into 8 rows of 16 pixels (where a
+// vector holds 16 pixels).
+using Block16 = Block8;
+
 bool usable(const uint8_t *dst, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
             int32_t width, int32_t height) {
   return dst && py && pu && pv && width > 0 && height > 0;
@@ -122,11 +126,39 @@ AVX2 void block32_avx2(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t
   }
 }
 
+// 16 rows of 8 words of 16 bits: the SSE2 transpose in both lanes, rows
+// 0-7 in the low lane and rows 8-15 in the high one, so that each result
+// is a whole destination row of 16 pixels.
+AVX2 void wide16_avx2(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t dp) {
+  __m256i r[8];
+  for (int i = 0; i < 8; i++)
+    r[i] = _mm256_inserti128_si256(_mm256_castsi128_si256(load(src + i * sp)),
+                                   load(src + (i + 8) * sp), 1);
+  const __m256i s0 = _mm256_unpacklo_epi16(r[0], r[1]), s1 = _mm256_unpacklo_epi16(r[2], r[3]);
+  const __m256i s2 = _mm256_unpacklo_epi16(r[4], r[5]), s3 = _mm256_unpacklo_epi16(r[6], r[7]);
+  const __m256i s4 = _mm256_unpackhi_epi16(r[0], r[1]), s5 = _mm256_unpackhi_epi16(r[2], r[3]);
+  const __m256i s6 = _mm256_unpackhi_epi16(r[4], r[5]), s7 = _mm256_unpackhi_epi16(r[6], r[7]);
+  const __m256i t0 = _mm256_unpacklo_epi32(s0, s1), t1 = _mm256_unpackhi_epi32(s0, s1);
+  const __m256i t2 = _mm256_unpacklo_epi32(s2, s3), t3 = _mm256_unpackhi_epi32(s2, s3);
+  const __m256i t4 = _mm256_unpacklo_epi32(s4, s5), t5 = _mm256_unpackhi_epi32(s4, s5);
+  const __m256i t6 = _mm256_unpacklo_epi32(s6, s7), t7 = _mm256_unpackhi_epi32(s6, s7);
+  const __m256i out[8] = {_mm256_unpacklo_epi64(t0, t2), _mm256_unpackhi_epi64(t0, t2),
+                          _mm256_unpacklo_epi64(t1, t3), _mm256_unpackhi_epi64(t1, t3),
+                          _mm256_unpacklo_epi64(t4, t6), _mm256_unpackhi_epi64(t4, t6),
+                          _mm256_unpacklo_epi64(t5, t7), _mm256_unpackhi_epi64(t5, t7)};
+  for (int i = 0; i < 8; i++)
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i * dp), out[i]);
+}
+
 #undef AVX2
 
 Block8 block_for(int32_t bytes, int32_t level) {
   if (bytes == 4) return level >= TRAVIK_SIMD_AVX2 ? block32_avx2 : block32_sse2;
   return block16_sse2;
+}
+
+Block16 wide_for(int32_t bytes, int32_t level) {
+  return bytes == 2 && level >= TRAVIK_SIMD_AVX2 ? wide16_avx2 : nullptr;
 }
 
 #elif defined(TRAVIK_VIDEO_NEON)
@@ -206,10 +238,12 @@ namespace travik_video {
 namespace {
 
 Block8 block_for(int32_t bytes, int32_t) { return bytes == 4 ? block32_neon : block16_neon; }
+Block16 wide_for(int32_t, int32_t) { return nullptr; }
 
 #else
 
 Block8 block_for(int32_t, int32_t) { return nullptr; }
+Block16 wide_for(int32_t, int32_t) { return nullptr; }
 
 #endif
 
@@ -218,6 +252,7 @@ Block8 block_for(int32_t, int32_t) { return nullptr; }
 struct TurnState {
   travik_yuv2rgb_fn rows;  // the optimised rotation-0 routine, bytes not exchanged
   Block8 block;
+  Block16 wide;            // NULL: 8 rows at a time
   uint8_t *tile;           // tile_rows(bytes) x kTileColumns pixels
 };
 
@@ -225,15 +260,20 @@ namespace {
 
 // Moves the n x m pixels of the tile (n rows of m pixels, m a multiple of
 // 8) to the destination: pixel k of tile row r to pixel r of the row
-// dst + k * dst_pitch. Groups of 8 rows go through the 8 x 8 transpose.
+// dst + k * dst_pitch. Groups of 16 rows (where a vector holds 16 pixels)
+// and of 8 rows go through the transposes.
 template <int kBytes>
-void place(Block8 block, const uint8_t *tile, ptrdiff_t tile_pitch, int32_t n, int32_t m,
+void place(const TurnState *t, const uint8_t *tile, ptrdiff_t tile_pitch, int32_t n, int32_t m,
            uint8_t *dst, ptrdiff_t dst_pitch) {
+  const int32_t wide = t->wide ? n & ~15 : 0;
   const int32_t whole = n & ~7;
-  for (int32_t k = 0; k < m; k += 8)
-    for (int32_t r = 0; r < whole; r += 8)
-      block(tile + r * tile_pitch + k * kBytes, tile_pitch, dst + k * dst_pitch + r * kBytes,
-            dst_pitch);
+  for (int32_t k = 0; k < m; k += 8) {
+    const uint8_t *s = tile + k * kBytes;
+    uint8_t *d = dst + k * dst_pitch;
+    int32_t r = 0;
+    for (; r < wide; r += 16) t->wide(s + r * tile_pitch, tile_pitch, d + r * kBytes, dst_pitch);
+    for (; r < whole; r += 8) t->block(s + r * tile_pitch, tile_pitch, d + r * kBytes, dst_pitch);
+  }
   if (whole == n) return;
   for (int32_t k = 0; k < m; k++) {
     uint8_t *d = dst + k * dst_pitch;
@@ -272,12 +312,12 @@ void turned(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst, int3
       if (kClockwise) {
         // Tile row n - 1 - r' (source row y0 + n - 1 - r') lands in column
         // height - y0 - n + r' of destination row x0 + k.
-        place<kBytes>(t->block, t->tile + (n - 1) * tile_pitch, -tile_pitch, n, m,
+        place<kBytes>(t, t->tile + (n - 1) * tile_pitch, -tile_pitch, n, m,
                       dst + x0 * dp + static_cast<ptrdiff_t>(height - y0 - n) * kBytes, dp);
       } else {
         // Tile row r lands in column y0 + r of destination row
         // width - 1 - x0 - k.
-        place<kBytes>(t->block, t->tile, tile_pitch, n, m,
+        place<kBytes>(t, t->tile, tile_pitch, n, m,
                       dst + static_cast<ptrdiff_t>(width - 1 - x0) * dp + y0 * kBytes, -dp);
       }
     }
@@ -308,6 +348,7 @@ bool turn_state_build(SimdParams *params, int32_t bytes, travik_yuv2rgb_fn rows,
   auto *t = static_cast<TurnState *>(std::malloc(sizeof(TurnState)));
   t->rows = rows;
   t->block = block;
+  t->wide = wide_for(bytes, level);
   t->tile = static_cast<uint8_t *>(
       std::malloc(static_cast<size_t>(tile_rows(bytes)) * kTileColumns * static_cast<size_t>(bytes)));
   params->turn = t;
