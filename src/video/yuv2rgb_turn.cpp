@@ -50,13 +50,19 @@ bool usable(const uint8_t *dst, const uint8_t *py, const uint8_t *pu, const uint
 
 #ifdef TRAVIK_TURN_X86
 
-inline __m128i load(const uint8_t *p) {
+// SSE2 is part of every x86-64 processor, not of every 32-bit one.
+#define SSE2 __attribute__((target("sse2")))
+
+SSE2 inline __m128i load(const uint8_t *p) {
   return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
 }
-inline void store(uint8_t *p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i *>(p), v); }
+SSE2 inline void store(uint8_t *p, __m128i v) {
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(p), v);
+}
 
 // 4 x 4 words of 32 bits.
-inline void transpose4x4_32(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t dp) {
+SSE2 inline void transpose4x4_32(const uint8_t *src, ptrdiff_t sp, uint8_t *dst,
+                                 ptrdiff_t dp) {
   const __m128i a = load(src), b = load(src + sp), c = load(src + 2 * sp),
                 d = load(src + 3 * sp);
   const __m128i t0 = _mm_unpacklo_epi32(a, b), t1 = _mm_unpacklo_epi32(c, d);
@@ -67,14 +73,14 @@ inline void transpose4x4_32(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrd
   store(dst + 3 * dp, _mm_unpackhi_epi64(t2, t3));
 }
 
-void block32_sse2(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t dp) {
+SSE2 void block32_sse2(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t dp) {
   transpose4x4_32(src, sp, dst, dp);
   transpose4x4_32(src + 4 * sp, sp, dst + 16, dp);
   transpose4x4_32(src + 16, sp, dst + 4 * dp, dp);
   transpose4x4_32(src + 4 * sp + 16, sp, dst + 4 * dp + 16, dp);
 }
 
-void block16_sse2(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t dp) {
+SSE2 void block16_sse2(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t dp) {
   __m128i r[8];
   for (int i = 0; i < 8; i++) r[i] = load(src + i * sp);
   const __m128i s0 = _mm_unpacklo_epi16(r[0], r[1]), s1 = _mm_unpacklo_epi16(r[2], r[3]);
@@ -151,6 +157,7 @@ AVX2 void wide16_avx2(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrdiff_t 
 }
 
 #undef AVX2
+#undef SSE2
 
 Block8 block_for(int32_t bytes, int32_t level) {
   if (bytes == 4) return level >= TRAVIK_SIMD_AVX2 ? block32_avx2 : block32_sse2;
@@ -180,7 +187,8 @@ inline void transpose4x4_32(const uint8_t *src, ptrdiff_t sp, uint8_t *dst, ptrd
   const uint32x4_t d = vreinterpretq_u32_u8(vld1q_u8(src + 3 * sp));
   const uint32x4x2_t ab = vtrnq_u32(a, b);  // a0 b0 a2 b2 | a1 b1 a3 b3
   const uint32x4x2_t cd = vtrnq_u32(c, d);
-  vst1q_u8(dst, vreinterpretq_u8_u32(vcombine_u32(vget_low_u32(ab.val[0]), vget_low_u32(cd.val[0]))));
+  vst1q_u8(dst,
+           vreinterpretq_u8_u32(vcombine_u32(vget_low_u32(ab.val[0]), vget_low_u32(cd.val[0]))));
   vst1q_u8(dst + dp,
            vreinterpretq_u8_u32(vcombine_u32(vget_low_u32(ab.val[1]), vget_low_u32(cd.val[1]))));
   vst1q_u8(dst + 2 * dp,
@@ -349,8 +357,8 @@ bool turn_state_build(SimdParams *params, int32_t bytes, travik_yuv2rgb_fn rows,
   t->rows = rows;
   t->block = block;
   t->wide = wide_for(bytes, level);
-  t->tile = static_cast<uint8_t *>(
-      std::malloc(static_cast<size_t>(tile_rows(bytes)) * kTileColumns * static_cast<size_t>(bytes)));
+  const size_t size = static_cast<size_t>(tile_rows(bytes)) * kTileColumns * bytes;
+  t->tile = static_cast<uint8_t *>(std::malloc(size));
   params->turn = t;
   return true;
 }
