@@ -261,6 +261,59 @@ void swscale_scaled(benchmark::State &state, AVPixelFormat to, int bpp) {
 void BM_ScaledRGB565_swscale(benchmark::State &s) { swscale_scaled(s, AV_PIX_FMT_RGB565LE, 2); }
 void BM_ScaledARGB_swscale(benchmark::State &s) { swscale_scaled(s, AV_PIX_FMT_BGRA, 4); }
 
+// ----- 1280 x 720 turned a quarter clockwise for a portrait panel
+
+void travik_turned(benchmark::State &state, int32_t format, int32_t level) {
+  Picture &p = small_source();
+  const int bpp = format == TRAVIK_PIXEL_RGB565 ? 2 : 4;
+  std::vector<uint8_t> out(static_cast<size_t>(kSW) * kSH * bpp);
+  const int32_t saved = travik_yuv2rgb_getsimd();
+  travik_yuv2rgb_setsimd(level);
+  travik_yuv2rgb *c = travik_yuv2rgb_create(format);
+  travik_yuv2rgb_setrotation(c, 3);
+  travik_yuv2rgb_setsimd(saved);
+  for (auto _ : state) {
+    // Destination rows are source-height pixels wide.
+    travik_yuv2rgb_convert(c, kSW, kSH, out.data(), kSH * bpp, p.planes[0], p.planes[1],
+                           p.planes[2], kSW, kSW / 2);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+  travik_yuv2rgb_destroy(c);
+  pixels(state, static_cast<int64_t>(kSW) * kSH);
+}
+
+void BM_TurnedRGB565_travik(benchmark::State &s) { travik_turned(s, TRAVIK_PIXEL_RGB565, TRAVIK_SIMD_AVX2); }
+void BM_TurnedRGB565_travik_ssse3(benchmark::State &s) { travik_turned(s, TRAVIK_PIXEL_RGB565, TRAVIK_SIMD_SSE2); }
+void BM_TurnedRGB565_travik_reference(benchmark::State &s) { travik_turned(s, TRAVIK_PIXEL_RGB565, TRAVIK_SIMD_NONE); }
+void BM_TurnedARGB_travik(benchmark::State &s) { travik_turned(s, TRAVIK_PIXEL_RGB32, TRAVIK_SIMD_AVX2); }
+void BM_TurnedARGB_travik_ssse3(benchmark::State &s) { travik_turned(s, TRAVIK_PIXEL_RGB32, TRAVIK_SIMD_SSE2); }
+void BM_TurnedARGB_travik_reference(benchmark::State &s) { travik_turned(s, TRAVIK_PIXEL_RGB32, TRAVIK_SIMD_NONE); }
+
+// libyuv in two steps: I420Rotate by 90 degrees into a 720 x 1280 picture,
+// then the conversion.
+void libyuv_turned(benchmark::State &state, bool rgb565) {
+  Picture &p = small_source();
+  std::vector<uint8_t> y(kSW * kSH), u(kSW * kSH / 4), v(kSW * kSH / 4);
+  std::vector<uint8_t> out(static_cast<size_t>(kSW) * kSH * (rgb565 ? 2 : 4));
+  for (auto _ : state) {
+    libyuv::I420Rotate(p.planes[0], kSW, p.planes[1], kSW / 2, p.planes[2], kSW / 2, y.data(),
+                       kSH, u.data(), kSH / 2, v.data(), kSH / 2, kSW, kSH, libyuv::kRotate90);
+    if (rgb565)
+      libyuv::I420ToRGB565(y.data(), kSH, u.data(), kSH / 2, v.data(), kSH / 2, out.data(),
+                           kSH * 2, kSH, kSW);
+    else
+      libyuv::I420ToARGB(y.data(), kSH, u.data(), kSH / 2, v.data(), kSH / 2, out.data(),
+                         kSH * 4, kSH, kSW);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+  pixels(state, static_cast<int64_t>(kSW) * kSH);
+}
+
+void BM_TurnedRGB565_libyuv(benchmark::State &s) { libyuv_turned(s, true); }
+void BM_TurnedARGB_libyuv(benchmark::State &s) { libyuv_turned(s, false); }
+
 // ----- memory-copy bandwidth: one 1920 x 1080 32-bit picture
 
 void BM_Memcpy_32bit_picture(benchmark::State &state) {
@@ -300,6 +353,14 @@ BENCHMARK(BM_ScaledARGB_travik_ssse3)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ScaledARGB_travik_reference)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ScaledARGB_libyuv)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ScaledARGB_swscale)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedRGB565_travik)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedRGB565_travik_ssse3)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedRGB565_travik_reference)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedRGB565_libyuv)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedARGB_travik)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedARGB_travik_ssse3)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedARGB_travik_reference)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TurnedARGB_libyuv)->Unit(benchmark::kMicrosecond);
 
 // Keeps each run's time per iteration so that the ratios can be printed.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -347,6 +408,18 @@ int main(int argc, char **argv) {
         "BM_ScaledARGB_travik", "BM_ScaledARGB_libyuv");
   ratio("1280x720 4:2:0 scaled to 800x480 32-bit: travik / libswscale", "BM_ScaledARGB_travik",
         "BM_ScaledARGB_swscale");
+  ratio("1280x720 4:2:0 quarter turn to RGB565: optimised / reference", "BM_TurnedRGB565_travik",
+        "BM_TurnedRGB565_travik_reference");
+  ratio("1280x720 4:2:0 quarter turn to RGB565: SSSE3 / reference", "BM_TurnedRGB565_travik_ssse3",
+        "BM_TurnedRGB565_travik_reference");
+  ratio("1280x720 4:2:0 quarter turn to RGB565: travik / libyuv (I420Rotate + I420ToRGB565)",
+        "BM_TurnedRGB565_travik", "BM_TurnedRGB565_libyuv");
+  ratio("1280x720 4:2:0 quarter turn to 32-bit: optimised / reference", "BM_TurnedARGB_travik",
+        "BM_TurnedARGB_travik_reference");
+  ratio("1280x720 4:2:0 quarter turn to 32-bit: SSSE3 / reference", "BM_TurnedARGB_travik_ssse3",
+        "BM_TurnedARGB_travik_reference");
+  ratio("1280x720 4:2:0 quarter turn to 32-bit: travik / libyuv (I420Rotate + I420ToARGB)",
+        "BM_TurnedARGB_travik", "BM_TurnedARGB_libyuv");
   const std::string copy = "BM_Memcpy_32bit_picture";
   if (t.count(copy)) {
     const double us = t[copy];

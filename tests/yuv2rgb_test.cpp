@@ -960,4 +960,213 @@ TEST_F(Yuv2Rgb, OptimisedScaledRoutinesWithOverlappingDestinationRows) {
   }
 }
 
+
+// ----- optimised quarter turns against the reference
+
+// The variants with quarter turns and the rotations each has.
+std::vector<int32_t> turns_of(int32_t format) {
+  if (bytes_of(format) == 2) return {1, 3};
+  if (bytes_of(format) == 4) return {3};
+  return {};
+}
+
+// A turned destination (source-width rows of source-height pixels) with
+// guard bytes before the first row, after the last one and at the end of
+// every row; `flipped` gives it a negative pitch (last row first in memory).
+struct TurnedOutput {
+  static constexpr int kGuard = 64;
+  int pitch, rows;
+  bool flipped;
+  std::vector<uint8_t> bytes;
+  TurnedOutput(int row_bytes, int row_count, int pad, bool flip)
+      : pitch(row_bytes + pad), rows(row_count), flipped(flip),
+        bytes(static_cast<size_t>(pitch) * row_count + 2 * kGuard, 0xA5) {}
+  uint8_t *first_row() {
+    return bytes.data() + kGuard + (flipped ? static_cast<ptrdiff_t>(pitch) * (rows - 1) : 0);
+  }
+  int32_t signed_pitch() const { return flipped ? -pitch : pitch; }
+  bool guards_intact(int row_bytes) const {
+    for (int i = 0; i < kGuard; i++)
+      if (bytes[i] != 0xA5 || bytes[bytes.size() - 1 - i] != 0xA5) return false;
+    for (int r = 0; r < rows; r++)
+      for (int i = row_bytes; i < pitch; i++)
+        if (bytes[kGuard + static_cast<size_t>(r) * pitch + i] != 0xA5) return false;
+    return true;
+  }
+};
+
+// Converts `p` turned with the reference routines and with every optimised
+// level, every variant and every rotation it has, and compares the bytes.
+void expect_turns_equal(const std::vector<int32_t> &all, const TightPicture &p, int matrix,
+                        int pad, bool flip) {
+  travik_yuv2rgb_setmatrix(matrix);
+  for (const Variant &var : kVariants) {
+    const int bpp = bytes_of(var.format);
+    for (int32_t rotation : turns_of(var.format)) {
+      travik_yuv2rgb_setsimd(0);
+      travik_yuv2rgb *ref = make(var);
+      ASSERT_EQ(travik_yuv2rgb_setrotation(ref, rotation), 1);
+      TurnedOutput expect(p.height * bpp, p.width, pad, flip);
+      travik_yuv2rgb_convert(ref, p.width, p.height, expect.first_row(), expect.signed_pitch(),
+                             p.y.data(), p.u.data(), p.v.data(), p.y_pitch, p.uv_pitch);
+      for (size_t l = 1; l < all.size(); l++) {
+        travik_yuv2rgb_setsimd(all[l]);
+        travik_yuv2rgb *fast = make(var);
+        ASSERT_EQ(travik_yuv2rgb_setrotation(fast, rotation), 1);
+        TurnedOutput got(p.height * bpp, p.width, pad, flip);
+        travik_yuv2rgb_convert(fast, p.width, p.height, got.first_row(), got.signed_pitch(),
+                               p.y.data(), p.u.data(), p.v.data(), p.y_pitch, p.uv_pitch);
+        ASSERT_TRUE(got.guards_intact(p.height * bpp))
+            << "format " << var.format << " swap " << var.swap << " rotation " << rotation
+            << " level " << all[l] << " size " << p.width << "x" << p.height;
+        ASSERT_TRUE(got.bytes == expect.bytes)
+            << "format " << var.format << " swap " << var.swap << " rotation " << rotation
+            << " level " << all[l] << " size " << p.width << "x" << p.height << " matrix "
+            << matrix << (flip ? " negative pitch" : "");
+        travik_yuv2rgb_destroy(fast);
+      }
+      travik_yuv2rgb_destroy(ref);
+    }
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedQuarterTurnsAreChosenWhenAvailable) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  for (const Variant &var : kVariants) {
+    travik_yuv2rgb_setsimd(0);
+    travik_yuv2rgb *ref = make(var);
+    for (size_t l = 1; l < all.size(); l++) {
+      travik_yuv2rgb_setsimd(all[l]);
+      travik_yuv2rgb *fast = make(var);
+      for (int32_t rotation = 0; rotation < 4; rotation++) {
+        const std::vector<int32_t> turns = turns_of(var.format);
+        const bool turn = std::find(turns.begin(), turns.end(), rotation) != turns.end();
+        if (rotation == 0) continue;
+        if (!turn) {
+          EXPECT_EQ(fast->plain[rotation], nullptr);
+          EXPECT_EQ(travik_yuv2rgb_setrotation(fast, rotation), 0);
+          continue;
+        }
+        EXPECT_NE(fast->plain[rotation], ref->plain[rotation])
+            << "format " << var.format << " swap " << var.swap << " rotation " << rotation;
+        EXPECT_EQ(fast->scaled[rotation], fast->plain[rotation]);
+        ASSERT_EQ(travik_yuv2rgb_setrotation(fast, rotation), 1);
+        EXPECT_EQ(fast->convert, fast->plain[rotation]);
+        ASSERT_EQ(travik_yuv2rgb_setscale(fast, 64, 48, 40, 30), 1);
+        EXPECT_EQ(fast->convert, fast->plain[rotation]);
+        ASSERT_EQ(travik_yuv2rgb_setscale(fast, 64, 48, 64, 48), 1);
+      }
+      travik_yuv2rgb_destroy(fast);
+    }
+    travik_yuv2rgb_destroy(ref);
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedQuarterTurnsEqualTheReferenceOnChosenSizes) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  // Single blocks, less than a block or a row pair, partial tiles of rows
+  // and columns, sizes off the vector widths, several tiles in both ways.
+  const int sizes[][2] = {{8, 2},   {7, 9},    {16, 8},   {24, 10},  {40, 16}, {8, 1},
+                          {1, 1},   {33, 17},  {255, 7},  {256, 8},  {264, 9}, {520, 22},
+                          {100, 50}, {31, 65}, {600, 36}, {72, 130}};
+  int matrix = 0;
+  for (const auto &size : sizes) {
+    const TightPicture p(size[0], size[1], static_cast<uint32_t>(size[0] * 1000 + size[1]), 3);
+    expect_turns_equal(all, p, matrix++ % 8, 6, false);
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedQuarterTurnsEqualTheReferenceOnRandomPictures) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  std::mt19937 rng(2024);
+  for (int trial = 0; trial < 32; trial++) {
+    const int w = 1 + static_cast<int>(rng() % 300);
+    const int h = 1 + static_cast<int>(rng() % 40);
+    const TightPicture p(w, h, rng(), static_cast<int>(rng() % 9));
+    expect_turns_equal(all, p, trial % 8, static_cast<int>(rng() % 13), false);
+  }
+}
+
+TEST_F(Yuv2Rgb, OptimisedQuarterTurnsEqualTheReferenceWithNegativePitch) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const TightPicture p(88, 22, 5, 2);
+  expect_turns_equal(all, p, 6, 4, true);
+}
+
+TEST_F(Yuv2Rgb, OptimisedQuarterTurnsEqualTheReferenceOnAWholeFrame) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const TightPicture p(1280, 720, 77, 0);
+  expect_turns_equal(all, p, 1, 0, false);
+}
+
+// Destination rows closer together than a turned source column overlap:
+// the result still equals the reference's.
+TEST_F(Yuv2Rgb, OptimisedQuarterTurnsWithOverlappingDestinationRows) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const TightPicture p(48, 20, 9, 0);
+  for (int32_t format : {TRAVIK_PIXEL_RGB32, TRAVIK_PIXEL_RGB565}) {
+    const int bpp = bytes_of(format);
+    for (int32_t rotation : turns_of(format))
+      for (int pitch : {0, 4 * bpp, 19 * bpp}) {
+        std::vector<uint8_t> expect(static_cast<size_t>(20 * bpp + 48 * pitch), 0x5A);
+        travik_yuv2rgb_setsimd(0);
+        travik_yuv2rgb *ref = travik_yuv2rgb_create(format);
+        ASSERT_EQ(travik_yuv2rgb_setrotation(ref, rotation), 1);
+        travik_yuv2rgb_convert(ref, 48, 20, expect.data(), pitch, p.y.data(), p.u.data(),
+                               p.v.data(), p.y_pitch, p.uv_pitch);
+        for (size_t l = 1; l < all.size(); l++) {
+          travik_yuv2rgb_setsimd(all[l]);
+          travik_yuv2rgb *fast = travik_yuv2rgb_create(format);
+          ASSERT_EQ(travik_yuv2rgb_setrotation(fast, rotation), 1);
+          std::vector<uint8_t> got(expect.size(), 0x5A);
+          travik_yuv2rgb_convert(fast, 48, 20, got.data(), pitch, p.y.data(), p.u.data(),
+                                 p.v.data(), p.y_pitch, p.uv_pitch);
+          ASSERT_TRUE(got == expect)
+              << format << " rotation " << rotation << " pitch " << pitch << " level " << all[l];
+          travik_yuv2rgb_destroy(fast);
+        }
+        travik_yuv2rgb_destroy(ref);
+      }
+  }
+}
+
+// A later create of another format of the same depth changes the bit layout
+// of the turned output exactly as it does the reference's.
+TEST_F(Yuv2Rgb, OptimisedQuarterTurnsFollowTheLastCreateOfTheDepth) {
+  const std::vector<int32_t> all = levels();
+  if (all.size() == 1) GTEST_SKIP() << "no optimised routines on this processor";
+  const TightPicture p(64, 16, 12, 1);
+  const int32_t pairs[][2] = {{TRAVIK_PIXEL_RGB565, TRAVIK_PIXEL_RGB555},
+                              {TRAVIK_PIXEL_RGB32, TRAVIK_PIXEL_RGB666}};
+  for (const auto &pair : pairs) {
+    const int bpp = bytes_of(pair[0]);
+    travik_yuv2rgb_setsimd(0);
+    travik_yuv2rgb *ref = travik_yuv2rgb_create(pair[0]);
+    travik_yuv2rgb_setsimd(all.back());
+    travik_yuv2rgb *fast = travik_yuv2rgb_create(pair[0]);
+    travik_yuv2rgb *later = travik_yuv2rgb_create(pair[1]);
+    ASSERT_EQ(travik_yuv2rgb_setrotation(ref, 3), 1);
+    ASSERT_EQ(travik_yuv2rgb_setrotation(fast, 3), 1);
+    Output expect(16 * bpp, 64), got(16 * bpp, 64);
+    travik_yuv2rgb_convert(ref, 64, 16, expect.data(), expect.pitch, p.y.data(), p.u.data(),
+                           p.v.data(), p.y_pitch, p.uv_pitch);
+    travik_yuv2rgb_convert(fast, 64, 16, got.data(), got.pitch, p.y.data(), p.u.data(),
+                           p.v.data(), p.y_pitch, p.uv_pitch);
+    EXPECT_TRUE(got.bytes == expect.bytes) << pair[0] << " then " << pair[1];
+    // The reference itself changed: the first pixel is in the later layout.
+    const uint32_t first = read_pixel(expect.at(15, 0, bpp), bpp);
+    const Rgb rgb = model(6, p.y[0], p.u[0], p.v[0]);
+    EXPECT_EQ(first, pack(pair[1], rgb));
+    travik_yuv2rgb_destroy(later);
+    travik_yuv2rgb_destroy(fast);
+    travik_yuv2rgb_destroy(ref);
+  }
+}
+
 }  // namespace

@@ -14,7 +14,8 @@
  * 24-bit routine takes its width as a count of 8-pixel blocks. Scaled
  * routines take the destination size and sample the source through the maps
  * built by travik_yuv2rgb_setscale (nearest neighbour). The optimised scaled
- * routines convert through row buffers of the converter, made by setscale:
+ * routines convert through row buffers of the converter, made by setscale,
+ * and the optimised quarter turns through a tile buffer made by create:
  * one converter converts in one thread at a time.
  *
  * Rotations: 0 none, 1 quarter turn counter-clockwise (16-bit formats only),

@@ -210,20 +210,6 @@ void turned_rows(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
   }
 }
 
-void convert32_cw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
-                  const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp, int32_t uvp) {
-  turned_rows<uint32_t, true>(c, w, h, d, dp, y, u, v, yp, uvp);
-}
-void convert16_cw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
-                  const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp, int32_t uvp) {
-  turned_rows<uint16_t, true>(c, w, h, d, dp, y, u, v, yp, uvp);
-}
-void convert16_ccw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
-                   const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
-                   int32_t uvp) {
-  turned_rows<uint16_t, false>(c, w, h, d, dp, y, u, v, yp, uvp);
-}
-
 // Builds the clip table of `format`'s depth for its bit layout.
 void build_tables(int32_t format) {
   uint8_t clip[1024];
@@ -337,6 +323,17 @@ travik_yuv2rgb *create(int32_t format, bool swap) {
         c->scaled[0] = depth == 32 ? convert32_scaled_simd : convert16_scaled_simd;
       c->plain[0] = fast;
       c->simd = static_cast<uint8_t>(level);
+      // The quarter turns convert tiles with the same routine (bytes never
+      // exchanged: a turned picture is written in the native order).
+      const travik_yuv2rgb_fn rows = swap ? simd_plain_routine(format, false, level) : fast;
+      if (depth != 24 && turn_state_build(params, depth / 8, rows, level)) {
+        if (depth == 32) {
+          c->plain[3] = c->scaled[3] = convert32_cw_simd;
+        } else {
+          c->plain[1] = c->scaled[1] = convert16_ccw_simd;
+          c->plain[3] = c->scaled[3] = convert16_cw_simd;
+        }
+      }
     }
   }
   c->convert = c->plain[0];
@@ -369,6 +366,20 @@ void convert16_plain_swap(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, i
                           const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
                           int32_t uvp) {
   plain_rows<uint16_t, true>(c, w, h, d, dp, y, u, v, yp, uvp);
+}
+
+void convert32_cw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
+                  const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp, int32_t uvp) {
+  turned_rows<uint32_t, true>(c, w, h, d, dp, y, u, v, yp, uvp);
+}
+void convert16_cw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
+                  const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp, int32_t uvp) {
+  turned_rows<uint16_t, true>(c, w, h, d, dp, y, u, v, yp, uvp);
+}
+void convert16_ccw(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
+                   const uint8_t *y, const uint8_t *u, const uint8_t *v, int32_t yp,
+                   int32_t uvp) {
+  turned_rows<uint16_t, false>(c, w, h, d, dp, y, u, v, yp, uvp);
 }
 
 void convert32_scaled(travik_yuv2rgb *c, int32_t w, int32_t h, uint8_t *d, int32_t dp,
@@ -481,7 +492,10 @@ void travik_yuv2rgb_destroy(travik_yuv2rgb *c) {
   if (!c) return;
   std::free(c->xmap);
   std::free(c->ymap);
-  if (c->priv) scale_state_free(static_cast<SimdParams *>(c->priv));
+  if (c->priv) {
+    scale_state_free(static_cast<SimdParams *>(c->priv));
+    turn_state_free(static_cast<SimdParams *>(c->priv));
+  }
   std::free(c->priv);
   std::free(c);
 }

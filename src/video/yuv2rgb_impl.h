@@ -48,13 +48,45 @@ struct OffsetFormula {
   int32_t shift;
 };
 struct ScaleState;
+struct TurnState;
 struct SimdParams {
   OffsetFormula red;    // from V
   OffsetFormula green_u;
   OffsetFormula green_v;
   OffsetFormula blue;   // from U
   ScaleState *scale;    // row buffers of the optimised scaled routines
+  TurnState *turn;      // tile buffer of the optimised quarter turns
 };
+
+// The reference quarter turns: clockwise (32- and 16-bit) and
+// counter-clockwise (16-bit).
+void convert32_cw(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                  int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+                  int32_t y_pitch, int32_t uv_pitch);
+void convert16_cw(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                  int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+                  int32_t y_pitch, int32_t uv_pitch);
+void convert16_ccw(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                   int32_t dst_pitch, const uint8_t *py, const uint8_t *pu, const uint8_t *pv,
+                   int32_t y_pitch, int32_t uv_pitch);
+
+// Optimised quarter turns: tiles of the source converted by the optimised
+// rotation-0 routine into the converter's tile buffer, then transposed into
+// the destination.
+void convert32_cw_simd(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                       int32_t dst_pitch, const uint8_t *py, const uint8_t *pu,
+                       const uint8_t *pv, int32_t y_pitch, int32_t uv_pitch);
+void convert16_cw_simd(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                       int32_t dst_pitch, const uint8_t *py, const uint8_t *pu,
+                       const uint8_t *pv, int32_t y_pitch, int32_t uv_pitch);
+void convert16_ccw_simd(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
+                        int32_t dst_pitch, const uint8_t *py, const uint8_t *pu,
+                        const uint8_t *pv, int32_t y_pitch, int32_t uv_pitch);
+// Makes the tile buffer for pixels of `bytes` bytes converted by `rows` (the
+// optimised rotation-0 routine without byte exchange) at `level`; false
+// (nothing made) when there is no transpose for this level.
+bool turn_state_build(SimdParams *params, int32_t bytes, travik_yuv2rgb_fn rows, int32_t level);
+void turn_state_free(SimdParams *params);
 
 // The scaled reference routines for rotation 0.
 void convert32_scaled(travik_yuv2rgb *c, int32_t width, int32_t height, uint8_t *dst,
