@@ -25,8 +25,8 @@
 #              compiled-in plugin directory), the file is installed into
 #              ${TRAVIK_PLUGIN_INSTALL_DIR}/<kind>/.
 #
-# The plugin is built with hidden visibility and links travik::travik, so it
-# exports its entry function only. Used in-tree and, through the installed
+# The plugin is built with hidden visibility and a version script, and links
+# travik::travik, so it exports its entry function only. Used in-tree and, through the installed
 # package config (find_package(travik)), by out-of-tree plugins.
 function(travik_add_plugin)
   cmake_parse_arguments(P "NO_INSTALL" "KIND;NAME;TARGET;OUTPUT_DIRECTORY"
@@ -62,6 +62,15 @@ function(travik_add_plugin)
     VISIBILITY_INLINES_HIDDEN ON)
   # Symbols of static libraries linked in stay inside the plugin.
   target_link_options(${target} PRIVATE -Wl,--exclude-libs,ALL)
+  # Hidden visibility does not cover everything: C++ standard library
+  # templates instantiated in the plugin (std:: has default visibility) and
+  # some linker-defined symbols would be exported too. The version script
+  # keeps only travik_* names global; of those, only what the source marks
+  # TRAVIK_PLUGIN_EXPORT (the entry function) is visible at all.
+  set(exports "${CMAKE_CURRENT_BINARY_DIR}/${target}.exports")
+  file(GENERATE OUTPUT "${exports}" CONTENT "{\n  global: travik_*;\n  local: *;\n};\n")
+  target_link_options(${target} PRIVATE "-Wl,--version-script=${exports}")
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${exports}")
   target_link_libraries(${target} PRIVATE travik::travik ${P_LIBRARIES})
   if(P_INCLUDES)
     target_include_directories(${target} PRIVATE ${P_INCLUDES})
