@@ -23,7 +23,9 @@
 #   NO_INSTALL do not install. Otherwise, when TRAVIK_PLUGIN_INSTALL_DIR is
 #              set (the installed package config sets it to the library's
 #              compiled-in plugin directory), the file is installed into
-#              ${TRAVIK_PLUGIN_INSTALL_DIR}/<kind>/.
+#              ${TRAVIK_PLUGIN_INSTALL_DIR}/<kind>/; travik's own build sets
+#              TRAVIK_PLUGIN_INSTALL_DESTINATION instead, the same directory
+#              relative to the install prefix, which then takes precedence.
 #
 # The plugin is built with hidden visibility and a version script, and links
 # travik::travik, so it exports its entry function only. Used in-tree and, through the installed
@@ -75,7 +77,11 @@ function(travik_add_plugin)
   if(P_INCLUDES)
     target_include_directories(${target} PRIVATE ${P_INCLUDES})
   endif()
-  if(DEFINED TRAVIK_PLUGIN_INSTALL_DIR AND NOT P_NO_INSTALL)
-    install(TARGETS ${target} LIBRARY DESTINATION "${TRAVIK_PLUGIN_INSTALL_DIR}/${P_KIND}")
+  if(NOT P_NO_INSTALL)
+    if(DEFINED TRAVIK_PLUGIN_INSTALL_DESTINATION)
+      install(TARGETS ${target} LIBRARY DESTINATION "${TRAVIK_PLUGIN_INSTALL_DESTINATION}/${P_KIND}")
+    elseif(DEFINED TRAVIK_PLUGIN_INSTALL_DIR)
+      install(TARGETS ${target} LIBRARY DESTINATION "${TRAVIK_PLUGIN_INSTALL_DIR}/${P_KIND}")
+    endif()
   endif()
 endfunction()

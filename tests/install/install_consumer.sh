@@ -10,6 +10,17 @@ rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+# Everything goes under the prefix given at install time, the reference
+# plugins included (into lib/travik-<version>/<kind>/).
+outside=$(sed -n 's/^-- \(Installing\|Up-to-date\): //p' "$work/install.log" |
+  grep -v "^$prefix/" || true)
+[ -z "$outside" ] || { echo "installed outside $prefix:"; echo "$outside"; exit 1; }
+for plugin in "$build"/plugins/*/lib*.so; do
+  [ -e "$plugin" ] || continue
+  kind=$(basename "$(dirname "$plugin")")
+  ls "$prefix"/lib/travik-*/"$kind/$(basename "$plugin")" >/dev/null ||
+    { echo "plugin not installed under $prefix: $plugin"; exit 1; }
+done
 
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 cc -std=c99 -Wall -Werror -o "$work/app-pc" "$consumer/main.c" $(pkg-config --cflags --libs travik)
