@@ -602,6 +602,32 @@ TEST_F(Files, Y4mSeeksThroughFrameParameters) {
   p->release(p);
 }
 
+// user0 holds the interlacing, user1 the pixel aspect in 16.16 (0 unknown).
+TEST_F(Files, Y4mReadsInterlacingAndAspect) {
+  struct Case {
+    const char *params;
+    int32_t interlacing;
+    int32_t aspect;
+  };
+  const Case cases[] = {
+      {" F25:1 Ib A128:117", 2, (128 << 16) / 117},
+      {" F25:1 Im A12:11", 3, (12 << 16) / 11},
+      {" F25:1 I? A0:0", -1, 0},
+      {" F25:1", 0, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.params);
+    Y4mLayout layout;
+    layout.frames = 1;
+    layout.params = c.params;
+    Playback play(write("fields.y4m", y4m_bytes(layout)));
+    ASSERT_NE(play.demuxer(), nullptr);
+    ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
+    EXPECT_EQ(play.stream()->user0, c.interlacing);
+    EXPECT_EQ(play.stream()->user1, c.aspect);
+  }
+}
+
 TEST_F(Files, Y4mWithoutFramesEndsAtOnce) {
   Y4mLayout layout;
   layout.frames = 0;
@@ -644,6 +670,12 @@ TEST_F(BadY4m, AbsurdRatesAreRefused) {
   for (const char *rate : {"F0:1", "F1:0", "F100000:1", "F1:1000", "F25", "F:1", "F25:1x",
                            "F1000000000:1"}) {
     EXPECT_NE(header(std::string("YUV4MPEG2 W16 H16 ") + rate + "\n"), 0) << rate;
+  }
+}
+
+TEST_F(BadY4m, MalformedInterlacingOrAspectIsRefused) {
+  for (const char *p : {"Ix", "Ipp", "A1", "A1:", "A:1", "A1:1x"}) {
+    EXPECT_NE(header(std::string("YUV4MPEG2 W16 H16 F25:1 ") + p + "\n"), 0) << p;
   }
 }
 
