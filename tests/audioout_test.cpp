@@ -329,6 +329,37 @@ TEST(AudioOutWav, WritesWhatItPlaysSampleExact) {
   EXPECT_EQ(content, want);
 }
 
+// The file is written at the device rate: one second of 48 kHz stereo
+// (192000 bytes) through the 32768-byte device buffer cannot be taken in
+// much faster than the 0.83 s that do not fit the buffer.
+TEST(AudioOutWav, PacedInRealTime) {
+  TempDir dir;
+  std::string path = dir.file("paced.wav");
+  std::string seen = with_plugins(kPlugins, [&] {
+    travik_audio *audio = travik_audio_create("wav", const_cast<char *>(path.c_str()));
+    if (!audio) return std::string("refused");
+    travik_audio_init(audio, 48000, 2);
+    Frame frame(pattern(9600));  // 100 ms
+    long long start = now_ms();
+    int32_t accepted = 0;
+    for (int k = 0; k < 10; k++) accepted += travik_audio_play(audio, &frame.f);
+    long long elapsed = now_ms() - start;
+    std::ostringstream out;
+    out << accepted << " " << elapsed << " " << travik_audio_isempty(audio);
+    travik_audio_destroy(audio);
+    return out.str();
+  });
+  long long accepted = 0, elapsed = 0, empty = -1;
+  ASSERT_EQ(sscanf(seen.c_str(), "%lld %lld %lld", &accepted, &elapsed, &empty), 3) << seen;
+  EXPECT_EQ(accepted, 46 * 4096 / 2);  // whole writes; the rest stays staged
+  EXPECT_GE(elapsed, 500) << seen;
+  EXPECT_LE(elapsed, 10000) << seen;
+  EXPECT_EQ(empty, 0);  // the device still holds what it has not played
+  std::string file = read_file(path);
+  ASSERT_EQ(file.size(), 44u + 46u * 4096u);
+  EXPECT_EQ(le32(file, 40), 46u * 4096u);
+}
+
 TEST(AudioOutWav, KeepsTheFirstFormat) {
   TempDir dir;
   std::string path = dir.file("two.wav");
@@ -394,6 +425,30 @@ TEST(AudioOutAlsa, PlaysIntoTheNullDevice) {
             "accepted 88064\n"  // 43 writes of 4096 bytes; the rest is staged
             "delay -1 space -1 empty 1 ms 0\n"
             "after reset 8192\n");
+}
+
+// Without an argument the driver opens the "default" PCM, and the probe
+// scores 50 when that PCM opens. A user configuration (~/.asoundrc under a
+// temporary HOME) makes "default" the null PCM, so no sound card is needed.
+TEST(AudioOutAlsa, DefaultDeviceWithoutArgumentAndProbe) {
+  if (!fs::exists(plugin_file("alsa"))) GTEST_SKIP() << "built without libasound";
+  TempDir home;
+  travik_test::write_file(home.file(".asoundrc"), "pcm.!default { type null }\n");
+  const std::string home_path = home.path();
+  std::string seen = with_plugins(kPlugins, [&] {
+    setenv("HOME", home_path.c_str(), 1);
+    unsetenv("XDG_CONFIG_HOME");
+    std::ostringstream out;
+    out << driver_name(travik_audio_load_driver("auto"));
+    travik_audio *audio = travik_audio_create("alsa", nullptr);
+    if (!audio) return out.str() + " refused";
+    travik_audio_init(audio, 48000, 2);
+    Frame frame(pattern(4096));
+    out << " accepted " << travik_audio_play(audio, &frame.f);
+    travik_audio_destroy(audio);
+    return out.str();
+  });
+  EXPECT_EQ(seen, "alsa accepted 4096");
 }
 
 TEST(AudioOutAlsa, UnusableFormatIsRefused) {

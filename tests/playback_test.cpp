@@ -602,6 +602,32 @@ TEST_F(Files, Y4mSeeksThroughFrameParameters) {
   p->release(p);
 }
 
+// user0 holds the interlacing, user1 the pixel aspect in 16.16 (0 unknown).
+TEST_F(Files, Y4mReadsInterlacingAndAspect) {
+  struct Case {
+    const char *params;
+    int32_t interlacing;
+    int32_t aspect;
+  };
+  const Case cases[] = {
+      {" F25:1 Ib A128:117", 2, (128 << 16) / 117},
+      {" F25:1 Im A12:11", 3, (12 << 16) / 11},
+      {" F25:1 I? A0:0", -1, 0},
+      {" F25:1", 0, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.params);
+    Y4mLayout layout;
+    layout.frames = 1;
+    layout.params = c.params;
+    Playback play(write("fields.y4m", y4m_bytes(layout)));
+    ASSERT_NE(play.demuxer(), nullptr);
+    ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
+    EXPECT_EQ(play.stream()->user0, c.interlacing);
+    EXPECT_EQ(play.stream()->user1, c.aspect);
+  }
+}
+
 TEST_F(Files, Y4mWithoutFramesEndsAtOnce) {
   Y4mLayout layout;
   layout.frames = 0;
@@ -647,6 +673,12 @@ TEST_F(BadY4m, AbsurdRatesAreRefused) {
   }
 }
 
+TEST_F(BadY4m, MalformedInterlacingOrAspectIsRefused) {
+  for (const char *p : {"Ix", "Ipp", "A1", "A1:", "A:1", "A1:1x"}) {
+    EXPECT_NE(header(std::string("YUV4MPEG2 W16 H16 F25:1 ") + p + "\n"), 0) << p;
+  }
+}
+
 TEST_F(BadY4m, HeaderWithoutNewlineIsRefused) {
   EXPECT_NE(header("YUV4MPEG2 W16 H16 F25:1"), 0);
   EXPECT_NE(header("YUV4MPEG2 W16 H16 F25:1 X" + std::string(10000, 'a') + "\n"), 0);
@@ -681,6 +713,93 @@ TEST_F(BadY4m, GarbageInsteadOfAFrameIsAnError) {
   EXPECT_NE(status, 0);
   EXPECT_NE(status, TRAVIK_DEMUXER_END);
   release_all(packets);
+}
+
+// ---------------------------------------------------------------- to an output
+
+// A frame allocator that takes picture memory from a video output, so that
+// decoded pictures are shown from where the decoder wrote them.
+struct OutputFrame {
+  travik_videoframe frame;
+  travik_video *video;
+};
+
+std::vector<uint8_t *> output_memory;  // planes[0] of every picture handed out
+
+int32_t release_output_frame(travik_videoframe *f) {
+  if (--f->refcount > 0) return f->refcount;
+  auto *o = reinterpret_cast<OutputFrame *>(f);
+  travik_video_freebuffer(o->video, f->planes);
+  delete o;
+  return 0;
+}
+
+void *alloc_output_frame(void *user, void *templ) {
+  auto *o = new OutputFrame;
+  travik_videoframe_init(&o->frame, static_cast<travik_videoframe *>(templ));
+  o->video = static_cast<travik_video *>(user);
+  if (travik_video_allocbuffer(o->video, o->frame.planes, o->frame.pitches, o->frame.width,
+                               o->frame.height) != 0) {
+    delete o;
+    return nullptr;
+  }
+  o->frame.refcount = 1;
+  o->frame.release = release_output_frame;
+  output_memory.push_back(o->frame.planes[0]);
+  return o;
+}
+
+// Y4M in, raw video decoded into the y4m output's own picture memory, drawn
+// from there: the written file holds the same frames byte for byte.
+TEST_F(Files, Y4mDecodesIntoOutputMemoryAndWritesItBack) {
+  Y4mLayout layout;
+  layout.width = 40;  // output rows are padded beyond the width
+  layout.height = 30;
+  layout.frames = 4;
+  const std::string input = y4m_bytes(layout);
+  const std::string output = dir_.file("copy.y4m");
+  const std::string argument = "path=" + output + ",fps=30000:1001";
+  travik_video *video = travik_video_create("y4m", const_cast<char *>(argument.c_str()));
+  ASSERT_NE(video, nullptr);
+  output_memory.clear();
+  {
+    Playback play(write("source.y4m", input));
+    ASSERT_NE(play.demuxer(), nullptr);
+    ASSERT_EQ(travik_demuxer_parseheader(play.demuxer()), 0);
+    auto *allocator = new travik_decoder_allocator{
+        video, alloc_output_frame, [](travik_decoder_allocator *a) { delete a; }};
+    travik_decoder *decoder = travik_decoder_create(play.stream(), allocator);
+    ASSERT_NE(decoder, nullptr);
+    std::vector<travik_packet *> packets;
+    EXPECT_EQ(play.read_all(packets), TRAVIK_DEMUXER_END);
+    ASSERT_EQ(packets.size(), 4u);
+    int shown = 0;
+    for (travik_packet *p : packets) {
+      travik_decoder_setsource(decoder, p);
+      for (int guard = 0; guard < 10; guard++) {
+        void *out = nullptr;
+        int32_t result = travik_decoder_decode(decoder, nullptr, &out);
+        if (out) {
+          auto *f = static_cast<travik_videoframe *>(out);
+          EXPECT_EQ(f->planes[0], output_memory.back());
+          EXPECT_GT(f->pitches[0], f->width);
+          EXPECT_EQ(travik_video_draw(video, 0, 0, -1, -1, f), 0);
+          travik_video_flip(video);
+          f->release(f);
+          shown++;
+        }
+        if (!out && (result || travik_decoder_empty(decoder))) break;
+      }
+    }
+    EXPECT_EQ(shown, 4);
+    EXPECT_EQ(output_memory.size(), 4u);
+    travik_decoder_destroy(decoder);
+    release_all(packets);
+  }
+  travik_video_destroy(video);
+  const std::string written = travik_test::read_file(output);
+  ASSERT_EQ(written.substr(0, written.find('\n')), "YUV4MPEG2 W40 H30 F30000:1001 Ip A1:1 C420jpeg");
+  EXPECT_TRUE(written.substr(written.find('\n')) == input.substr(input.find('\n')));
 }
 
 // ---------------------------------------------------------------- decoders

@@ -169,6 +169,39 @@ TEST(VideoOut, NullLogsTimestampsAndWallClock) {
   EXPECT_EQ(n, 2);
 }
 
+TEST(VideoOut, NullLogsToStandardErrorWithABareLog) {
+  travik_video *v = travik_video_create("null", const_cast<char *>("log"));
+  ASSERT_NE(v, nullptr);
+  Frame a(16, 16, 2, 120000);
+  std::string text;
+  {
+    travik_test::StderrCapture capture;
+    travik_video_draw(v, 0, 0, -1, -1, a.f);
+    travik_video_flip(v);
+    text = capture.text();
+  }
+  travik_video_destroy(v);
+  long long ts = 0, sec = 0;
+  long usec = 0;
+  int n = 0, m = 0;
+  ASSERT_EQ(std::sscanf(text.c_str(), "null: draw %d timestamp %lld wall %lld.%ld\nnull: flip %d",
+                        &n, &ts, &sec, &usec, &m), 5) << text;
+  EXPECT_EQ(n, 1);
+  EXPECT_EQ(ts, 120000);
+  EXPECT_EQ(m, 1);
+}
+
+TEST(VideoOut, NullWithoutLogWritesNothing) {
+  travik_video *v = travik_video_create("null", nullptr);
+  ASSERT_NE(v, nullptr);
+  Frame a(16, 16, 2, 120000);
+  travik_test::StderrCapture capture;
+  travik_video_draw(v, 0, 0, -1, -1, a.f);
+  travik_video_flip(v);
+  travik_video_destroy(v);
+  EXPECT_EQ(capture.text(), "");
+}
+
 TEST(VideoOut, NullGivesPictureMemory) {
   travik_video *v = travik_video_create("null", nullptr);
   uint8_t *planes[3];
@@ -394,6 +427,22 @@ TEST(VideoOut, FbdevRefusesWhatItCannotShow) {
   // A regular file without geometry is no framebuffer.
   Screen plain("");
   EXPECT_EQ(travik_video_create("fbdev", plain.arg()), nullptr);
+}
+
+TEST(VideoOut, FbdevRefusesShortPitchesAndUnknownTurns) {
+  Screen narrow("geometry=64x48x32,pitch=255");
+  EXPECT_EQ(travik_video_create("fbdev", narrow.arg()), nullptr);
+  Screen turn("geometry=64x48x16,rotate=5");
+  EXPECT_EQ(travik_video_create("fbdev", turn.arg()), nullptr);
+  // The same screens with a whole row and a quarter turn are accepted.
+  Screen wide("geometry=64x48x32,pitch=256");
+  travik_video *v = travik_video_create("fbdev", wide.arg());
+  EXPECT_NE(v, nullptr);
+  if (v) travik_video_destroy(v);
+  Screen quarter("geometry=64x48x16,rotate=3");
+  v = travik_video_create("fbdev", quarter.arg());
+  EXPECT_NE(v, nullptr);
+  if (v) travik_video_destroy(v);
 }
 
 TEST(VideoOut, FbdevDrawsNothingForNullPlanes) {
