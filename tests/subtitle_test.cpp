@@ -178,3 +178,28 @@ TEST(SubtitleForward, FailingOpenOfAHandedInDriverGivesNull) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SubtitleEntry, CreateCopiesLinesIntoOneBlock) {
+  std::string first = "first line";
+  const travik_subtitle_line lines[2] = {{first.data(), 5}, {"\xC3\xA9t\xC3\xA9", 5}};
+  travik_subtitle_entry *entry = travik_subtitle_entry_create(INT64_C(123456789012), 2, lines);
+  first = "overwritten";
+  ASSERT_NE(entry, nullptr);
+  EXPECT_EQ(entry->time, INT64_C(123456789012));
+  ASSERT_EQ(entry->count, 2);
+  EXPECT_EQ(std::string(entry->lines[0].text), "first");
+  EXPECT_EQ(entry->lines[0].length, 5);
+  EXPECT_EQ(std::string(entry->lines[1].text), "\xC3\xA9t\xC3\xA9");
+  ASSERT_NE(entry->release, nullptr);
+  entry->release(entry);
+
+  // An entry without lines clears the screen.
+  entry = travik_subtitle_entry_create(5, 0, nullptr);
+  EXPECT_EQ(entry->count, 0);
+  EXPECT_EQ(entry->lines, nullptr);
+  entry->release(entry);
+}
+
+}  // namespace
