@@ -7,7 +7,8 @@
 // the decoder's allocator: 4:2:0 pictures are copied plane by plane, every
 // other layout is converted with libswscale. Odd picture sizes lose their
 // last column or line, since a 4:2:0 frame of the allocator holds whole
-// chroma samples only. `info` is 1 on key frames. The frame argument of
+// chroma samples only. Full-range 4:2:0 (JPEG) pictures are passed on
+// unchanged. `info` is 1 on key frames. The frame argument of
 // travik_decoder_decode() is a pointer to the skip level (int32_t): 0
 // decodes everything, 1 skips the loop filter on non-reference frames, 2
 // skips it everywhere and drops non-reference frames. Frame threads follow
@@ -60,7 +61,8 @@ struct Dec {
   int swr_format;           // the source format swr was made for
   int swr_rate;
   AVChannelLayout swr_layout;
-  int64_t next_pts;         // audio: time of the sample after the last frame
+  int64_t next_pts;         // expected time of the next frame, AV_NOPTS_VALUE when unknown
+  int64_t last_pts;         // video: time of the last picture
   int32_t level;            // skip level applied
   bool draining;
 };
@@ -118,6 +120,7 @@ void *ff_open(travik_decoder *decoder) {
   d->packet = av_packet_alloc();
   d->frame = av_frame_alloc();
   d->next_pts = AV_NOPTS_VALUE;
+  d->last_pts = AV_NOPTS_VALUE;
   return d;
 }
 
@@ -143,16 +146,35 @@ void copy_plane(uint8_t *to, int32_t to_pitch, const uint8_t *from, int from_pit
                 from + static_cast<ptrdiff_t>(y) * from_pitch, width);
 }
 
+// Containers such as MPEG program streams time only some pictures: a
+// picture without a time of its own, or repeating the last one, gets the
+// last time plus one frame's duration.
+int64_t picture_time(Dec *d, const AVFrame *f) {
+  int64_t at = f->best_effort_timestamp;
+  const bool usable = at != AV_NOPTS_VALUE && (d->last_pts == AV_NOPTS_VALUE || at > d->last_pts);
+  if (!usable) at = d->next_pts;
+  if (at == AV_NOPTS_VALUE) return -1;
+  AVRational rate = d->ctx->framerate;
+  if (rate.num <= 0 || rate.den <= 0) {
+    const int32_t hundredths = d->decoder->stream->info.framerate;
+    rate = hundredths > 0 ? AVRational{hundredths, 100} : AVRational{25, 1};
+  }
+  d->last_pts = at;
+  d->next_pts = at + av_rescale(1000000, rate.den, rate.num);
+  return at;
+}
+
 void *video_frame(Dec *d, const AVFrame *f) {
   const int32_t width = f->width & ~1, height = f->height & ~1;
   if (width < 2 || height < 2) return nullptr;
+  const int64_t at = picture_time(d, f);
   travik_videoframe templ;
   travik_videoframe_init(&templ, nullptr);
   templ.format = TRAVIK_PIXEL_YUV420P;
   templ.width = width;
   templ.height = height;
   templ.info = f->key_frame ? 1 : 0;
-  templ.timestamp = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : -1;
+  templ.timestamp = at;
   travik_decoder_allocator *allocator = d->decoder->allocator;
   auto *out = static_cast<travik_videoframe *>(allocator->alloc(allocator->user, &templ));
   if (!out) return nullptr;
@@ -183,7 +205,11 @@ void *video_frame(Dec *d, const AVFrame *f) {
 void *audio_frame(Dec *d, const AVFrame *f) {
   const int channels = f->ch_layout.nb_channels;
   if (channels < 1 || f->nb_samples < 1 || f->sample_rate < 1) return nullptr;
-  int64_t at = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : d->next_pts;
+  // The frame's own time includes the samples dropped at its start; the
+  // best-effort guess does not.
+  int64_t at = f->pts != AV_NOPTS_VALUE                    ? f->pts
+               : f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp
+                                                            : d->next_pts;
   if (at == AV_NOPTS_VALUE) at = -1;
   if (at >= 0) d->next_pts = at + av_rescale(f->nb_samples, 1000000, f->sample_rate);
   travik_audioframe templ;
@@ -317,6 +343,7 @@ void ff_reset(void *state) {
   avcodec_flush_buffers(d->ctx);
   d->draining = false;
   d->next_pts = AV_NOPTS_VALUE;
+  d->last_pts = AV_NOPTS_VALUE;
   if (d->swr) swr_init(d->swr);  // drops samples it still holds
 }
 
@@ -347,5 +374,8 @@ void build_drivers() {
 
 TRAVIK_PLUGIN_EXPORT void travik_decoder_ffmpeg(void) {
   std::call_once(drivers_built, build_drivers);
+  // libavcodec describes damaged input on stderr at length; the drivers
+  // report failures through their results instead.
+  av_log_set_level(AV_LOG_QUIET);
   travik_plugin_register(TRAVIK_PLUGIN_DECODER, TRAVIK_PLUGIN_VERSION, drivers);
 }

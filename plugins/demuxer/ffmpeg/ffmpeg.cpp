@@ -15,8 +15,9 @@
 //  - audio and video streams only (at most 32); other streams and cover
 //    pictures are not declared and their packets are dropped;
 //  - packet times in microseconds from the start of the input (the
-//    container's start time subtracted; -1 when unknown; times before the
-//    start are 0), the decode time in `time2`;
+//    container's start time subtracted, -1 when unknown), the decode time
+//    in `time2`. Packets before the start (encoder delay that the decoder
+//    drops, reordering) have negative times;
 //  - TRAVIK_PACKET_KEY on key frames, TRAVIK_PACKET_DECODE_ONLY on packets
 //    the container marks to be decoded but not shown;
 //  - `user0` and `user1`: audio samples the decoder drops at the start and
@@ -91,7 +92,8 @@ bool is_open(const travik_io *io) { return io->backend && io->backend_data; }
 
 int32_t ff_probe(travik_io *input, int32_t) {
   if (!input->backend) return is_protocol_scheme(input->url.scheme) ? kMaxScore : 0;
-  if (!is_open(input)) return kBlindScore;
+  // A stream that cannot seek back would lose what the probe reads.
+  if (!is_open(input) || !input->backend->seek) return kBlindScore;
   auto *buffer = static_cast<uint8_t *>(av_mallocz(kProbeBytes + AVPROBE_PADDING_SIZE));
   int32_t got = 0;
   while (got < kProbeBytes) {
@@ -363,14 +365,8 @@ int32_t ff_parse(void *state, travik_packet **packet) {
   std::memcpy(out->data, pkt->data, pkt->size);
   const AVRational base = d->format->streams[pkt->stream_index]->time_base;
   out->stream = slot;
-  if (pkt->pts != AV_NOPTS_VALUE) {
-    const int64_t at = to_microseconds(pkt->pts, base) - d->start;
-    out->pts = at > 0 ? at : 0;
-  }
-  if (pkt->dts != AV_NOPTS_VALUE) {
-    const int64_t at = to_microseconds(pkt->dts, base) - d->start;
-    out->time2 = at > 0 ? at : 0;
-  }
+  if (pkt->pts != AV_NOPTS_VALUE) out->pts = to_microseconds(pkt->pts, base) - d->start;
+  if (pkt->dts != AV_NOPTS_VALUE) out->time2 = to_microseconds(pkt->dts, base) - d->start;
   if (pkt->flags & AV_PKT_FLAG_KEY) out->flags |= TRAVIK_PACKET_KEY;
   if (pkt->flags & AV_PKT_FLAG_DISCARD) out->flags |= TRAVIK_PACKET_DECODE_ONLY;
   size_t skip_size = 0;
@@ -430,6 +426,9 @@ const travik_demuxer_driver drivers[] = {
 }  // namespace
 
 TRAVIK_PLUGIN_EXPORT void travik_demuxer_ffmpeg(void) {
+  // libavformat describes damaged input on stderr at length; the driver
+  // reports failures through its results instead.
+  av_log_set_level(AV_LOG_QUIET);
   travik_plugin_register(TRAVIK_PLUGIN_DEMUXER, TRAVIK_PLUGIN_VERSION,
                          const_cast<travik_demuxer_driver *>(drivers));
 }
