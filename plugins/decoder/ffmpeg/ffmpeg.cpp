@@ -63,6 +63,8 @@ struct Dec {
   AVChannelLayout swr_layout;
   int64_t next_pts;         // expected time of the next frame, AV_NOPTS_VALUE when unknown
   int64_t last_pts;         // video: time of the last picture
+  int64_t skip_pts;         // audio: time of the packet whose first samples are dropped
+  int64_t skip_time;        // and their duration in microseconds, 0 when none
   int32_t level;            // skip level applied
   bool draining;
 };
@@ -210,6 +212,12 @@ void *audio_frame(Dec *d, const AVFrame *f) {
   int64_t at = f->pts != AV_NOPTS_VALUE                    ? f->pts
                : f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp
                                                             : d->next_pts;
+  // When libavcodec drops samples at the start of a packet it leaves the
+  // frame at the packet's time, or without a time: move it past them.
+  if (d->skip_time) {
+    if (at == AV_NOPTS_VALUE || at == d->skip_pts) at = d->skip_pts + d->skip_time;
+    d->skip_time = 0;
+  }
   if (at == AV_NOPTS_VALUE) at = -1;
   if (at >= 0) d->next_pts = at + av_rescale(f->nb_samples, 1000000, f->sample_rate);
   travik_audioframe templ;
@@ -296,6 +304,10 @@ bool fill_packet(Dec *d, const uint8_t *data, int32_t size) {
   const bool whole = source && source->data == data;
   d->packet->pts = whole && source->pts >= 0 ? source->pts : AV_NOPTS_VALUE;
   if (whole && (source->flags & TRAVIK_PACKET_KEY)) d->packet->flags |= AV_PKT_FLAG_KEY;
+  if (whole && source->user0 > 0 && d->ctx->sample_rate > 0 && source->pts != -1) {
+    d->skip_pts = source->pts;
+    d->skip_time = av_rescale(source->user0, 1000000, d->ctx->sample_rate);
+  }
   if (whole && (source->user0 > 0 || source->user1 > 0)) {
     uint8_t *skip = av_packet_new_side_data(d->packet, AV_PKT_DATA_SKIP_SAMPLES, 10);
     if (!skip) return false;
@@ -344,6 +356,7 @@ void ff_reset(void *state) {
   d->draining = false;
   d->next_pts = AV_NOPTS_VALUE;
   d->last_pts = AV_NOPTS_VALUE;
+  d->skip_time = 0;
   if (d->swr) swr_init(d->swr);  // drops samples it still holds
 }
 
