@@ -750,6 +750,47 @@ TEST(FFmpegNetwork, TransportStreamOverTcp) {
   EXPECT_TRUE(r.samples == reference_audio(path));
 }
 
+TEST(FFmpegNetwork, StopEndsAWaitForData) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string bytes = travik_test::read_file(clip(kClips[6]));
+  Listener server(SOCK_STREAM);
+  std::atomic<bool> done{false};
+  // The stream, then silence with the connection kept open.
+  std::thread serve([&] {
+    int client = accept(server.fd(), nullptr, nullptr);
+    if (client < 0) return;
+    send_all(client, bytes.data(), bytes.size());
+    while (!done.load()) usleep(10000);
+    close(client);
+  });
+  const std::string url = "tcp://127.0.0.1:" + std::to_string(server.port()) + "/live.ts";
+  travik_io *io = travik_io_create(url.c_str());
+  travik_io_settimeout(io, 60000);
+  travik_demuxer *demuxer = travik_demuxer_create(io, nullptr);
+  ASSERT_TRUE(demuxer);
+  // Wherever the demuxer waits (header or packets), the stop ends it.
+  std::atomic<long long> stopped_at{0};
+  std::thread stopper([&] {
+    usleep(500000);
+    stopped_at.store(travik_test::now_ms());
+    travik_demuxer_control(demuxer, 2, nullptr);
+  });
+  int32_t status = travik_demuxer_parseheader(demuxer);
+  for (int i = 0; i < 100000 && status == 0; i++) {
+    status = travik_demuxer_parse(demuxer, nullptr);
+    travik_demuxer_clear_packets(demuxer);
+  }
+  stopper.join();
+  const long long waited = travik_test::now_ms() - stopped_at.load();
+  done.store(true);
+  serve.join();
+  travik_demuxer_destroy(demuxer);
+  travik_io_destroy(io);
+  EXPECT_NE(status, 0);
+  EXPECT_NE(status, TRAVIK_DEMUXER_END);  // stopped, not a clean end
+  EXPECT_LT(waited, 10000);                // far from the 60-second timeout
+}
+
 TEST(FFmpegNetwork, TransportStreamOverUdp) {
   SKIP_WITHOUT_FFMPEG();
   const std::string path = clip(kClips[6]);

@@ -73,6 +73,9 @@ struct Demux {
   int fd;                        // own descriptor of a "file" input, or -1
   int64_t start;                 // start time of the input in microseconds
   std::atomic<bool> stop;        // set by control 2
+  bool filtering;                // our wait filter is installed on the handle
+  travik_io_filter outer;        // the filter it replaced (called too), or NULL
+  void *outer_arg;
   int32_t slot_of[TRAVIK_DEMUXER_MAX_STREAMS];  // libavformat index -> slot, -1
   travik_stream streams[TRAVIK_DEMUXER_MAX_STREAMS];
   int32_t stream_count;
@@ -118,6 +121,14 @@ int32_t ff_probe(travik_io *input, int32_t) {
 // ---------------------------------------------------------------- input
 
 int interrupted(void *opaque) { return static_cast<Demux *>(opaque)->stop.load() ? 1 : 0; }
+
+// Polled by the network back-ends while they wait, so that a stop ends a
+// wait at once; a filter the application had set keeps working.
+int32_t wait_filter(void *arg, travik_io *io) {
+  auto *d = static_cast<Demux *>(arg);
+  if (d->stop.load()) return 1;
+  return d->outer ? d->outer(d->outer_arg, io) : 0;
+}
 
 int fd_read(void *opaque, uint8_t *buffer, int size) {
   auto *d = static_cast<Demux *>(opaque);
@@ -175,8 +186,11 @@ bool open_input(Demux *d) {
     if (file) {
       d->fd = ::open(d->io->url.path, O_RDONLY | O_CLOEXEC);
       if (d->fd < 0) return false;
-    } else if (travik_io_open(d->io, -1) != 0) {
-      return false;
+    } else {
+      d->outer_arg = d->io->filter_arg;
+      d->outer = travik_io_setfilter(d->io, wait_filter, d);
+      d->filtering = true;
+      if (travik_io_open(d->io, -1) != 0) return false;
     }
     auto *buffer = static_cast<uint8_t *>(av_malloc(kIoBuffer));
     const bool seekable = file || handle_can_seek(d->io);
@@ -315,6 +329,7 @@ void ff_close(void *state) {
     avio_context_free(&d->avio);
   }
   if (d->fd >= 0) ::close(d->fd);
+  if (d->filtering) travik_io_setfilter(d->io, d->outer, d->outer_arg);
   for (int32_t i = 0; i < d->stream_count; i++) std::free(d->streams[i].info.extradata);
   delete d;
 }
