@@ -73,6 +73,7 @@ struct Demux {
   int fd;                        // own descriptor of a "file" input, or -1
   int64_t start;                 // start time of the input in microseconds
   std::atomic<bool> stop;        // set by control 2
+  bool network;                  // libavformat's network layer was started for it
   bool filtering;                // our wait filter is installed on the handle
   travik_io_filter outer;        // the filter it replaced (called too), or NULL
   void *outer_arg;
@@ -180,6 +181,7 @@ bool open_input(Demux *d) {
   if (!d->io->backend) {
     if (!is_protocol_scheme(d->io->url.scheme)) return false;
     avformat_network_init();
+    d->network = true;
     av_dict_set(&options, "rw_timeout", "30000000", 0);
   } else {
     const bool file = std::strcmp(d->io->backend->name, "file") == 0;
@@ -330,6 +332,7 @@ void ff_close(void *state) {
   }
   if (d->fd >= 0) ::close(d->fd);
   if (d->filtering) travik_io_setfilter(d->io, d->outer, d->outer_arg);
+  if (d->network) avformat_network_deinit();
   for (int32_t i = 0; i < d->stream_count; i++) std::free(d->streams[i].info.extradata);
   delete d;
 }
