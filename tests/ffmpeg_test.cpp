@@ -489,6 +489,35 @@ TEST(FFmpegDemuxer, OggAndFlacTagsComeFromTheStream) {
   EXPECT_EQ(r.texts[1], "X");
 }
 
+TEST(FFmpegDemuxer, MemoryInputPlaysAndSeeks) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = clip(kClips[0]);  // h264_aac.mp4
+  const std::string bytes = travik_test::read_file(path);
+  char url[128];
+  std::snprintf(url, sizeof url, "mem://%llx:%u/clip.mp4",
+                static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(bytes.data())),
+                static_cast<unsigned>(bytes.size()));
+  Result r = play(url);
+  EXPECT_EQ(r.demuxer, "FFmpeg demuxer (libavformat)");
+  EXPECT_EQ(r.seekable, 1);
+  EXPECT_EQ(our_video(r), reference_video(path));
+  EXPECT_TRUE(r.samples == reference_audio(path));
+}
+
+TEST(FFmpegDemuxer, FilesCannotPause) {
+  SKIP_WITHOUT_FFMPEG();
+  Result r;
+  Player p;
+  ASSERT_TRUE(p.open(clip(kClips[0]), r));
+  EXPECT_EQ(r.flags & TRAVIK_DEMUXER_PAUSABLE, 0);
+  EXPECT_EQ(r.flags & TRAVIK_DEMUXER_NOSEEK, 0);
+  EXPECT_NE(travik_demuxer_control(p.demuxer, 1, nullptr), 0);  // pause refused
+  EXPECT_EQ(travik_demuxer_control(p.demuxer, 5, nullptr), 0);  // keep-alive is harmless
+  EXPECT_EQ(travik_demuxer_control(p.demuxer, 7, nullptr), 1);  // unknown code
+  p.run(r);
+  EXPECT_EQ(r.parse_status, TRAVIK_DEMUXER_END);
+}
+
 // Packet times of the first video packets after seeking to `ms`.
 std::vector<travik_packet *> after_seek(Player &p, int32_t ms, int32_t direction, int32_t *result) {
   travik_demuxer_clear_packets(p.demuxer);

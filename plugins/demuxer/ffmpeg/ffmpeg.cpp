@@ -156,17 +156,47 @@ int io_read(void *opaque, uint8_t *buffer, int size) {
   return n == 0 ? AVERROR_EOF : n;
 }
 
-// The handle's offsets are 32-bit: positions beyond are refused.
+// Bytes the input holds, or -1 when unknown; the position is kept at
+// `here`. The handle's length may move the position and may be one byte
+// short ("mem"), so what lies beyond it is read too.
+int64_t input_size(travik_io *io, int32_t here) {
+  int64_t length = travik_io_length(io);
+  if (length >= 0) {
+    int32_t at = travik_io_pos(io);
+    if (at >= 0 && travik_io_seek(io, static_cast<int32_t>(length - at), 1) == length) {
+      char probe[16];
+      const int32_t more = travik_io_read(io, probe, sizeof probe);
+      if (more > 0) length += more;
+    }
+  }
+  const int32_t at = travik_io_pos(io);
+  if (at < 0 || travik_io_seek(io, here - at, 1) != here) return -1;
+  return length;
+}
+
+// The handle's offsets are 32-bit: positions beyond are refused. Seeks are
+// made relative to the current position, the one whence that every
+// seekable back-end handles alike.
 int64_t io_seek(void *opaque, int64_t offset, int whence) {
   auto *d = static_cast<Demux *>(opaque);
-  if (whence & AVSEEK_SIZE) {
-    int32_t length = travik_io_length(d->io);
-    return length < 0 ? -1 : length;
+  const int32_t here = travik_io_pos(d->io);
+  if (here < 0) return AVERROR(EIO);
+  if (whence & AVSEEK_SIZE) return input_size(d->io, here);
+  int64_t target = offset;
+  switch (whence & ~AVSEEK_FORCE) {
+    case SEEK_SET: break;
+    case SEEK_CUR: target = here + offset; break;
+    case SEEK_END: {
+      const int64_t size = input_size(d->io, here);
+      if (size < 0) return AVERROR(EINVAL);
+      target = size + offset;
+      break;
+    }
+    default: return AVERROR(EINVAL);
   }
-  whence &= ~AVSEEK_FORCE;
-  if (offset > INT32_MAX || offset < INT32_MIN) return AVERROR(EINVAL);
-  int32_t at = travik_io_seek(d->io, static_cast<int32_t>(offset), whence);
-  return at < 0 ? AVERROR(EIO) : at;
+  if (target < 0 || target > INT32_MAX) return AVERROR(EINVAL);
+  const int32_t at = travik_io_seek(d->io, static_cast<int32_t>(target - here), 1);
+  return at == target ? at : AVERROR(EIO);
 }
 
 bool handle_can_seek(const travik_io *io) { return io->backend && io->backend->seek; }
@@ -193,6 +223,9 @@ bool open_input(Demux *d) {
       d->outer = travik_io_setfilter(d->io, wait_filter, d);
       d->filtering = true;
       if (travik_io_open(d->io, -1) != 0) return false;
+      // The framework leaves a probed input at no particular place.
+      const int32_t here = travik_io_pos(d->io);
+      if (handle_can_seek(d->io) && here > 0 && travik_io_seek(d->io, -here, 1) != 0) return false;
     }
     auto *buffer = static_cast<uint8_t *>(av_malloc(kIoBuffer));
     const bool seekable = file || handle_can_seek(d->io);
