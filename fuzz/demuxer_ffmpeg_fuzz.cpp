@@ -13,6 +13,9 @@
 
 namespace {
 
+// Loaded once for the whole run and kept reachable.
+travik_plugin *plugin;
+
 const travik_demuxer_driver *load_driver() {
   if (!std::getenv("TRAVIK_PLUGINS_DIR")) {
     char self[PATH_MAX];
@@ -24,19 +27,24 @@ const travik_demuxer_driver *load_driver() {
       setenv("TRAVIK_PLUGINS_DIR", dir.c_str(), 1);
     }
   }
-  travik_plugin *plugin =
-      travik_plugin_create("demuxer/libdemuxer_ffmpeg.so", TRAVIK_PLUGIN_DEMUXER, TRAVIK_PLUGIN_VERSION);
+  plugin = travik_plugin_create("demuxer/libdemuxer_ffmpeg.so", TRAVIK_PLUGIN_DEMUXER, TRAVIK_PLUGIN_VERSION);
   if (!plugin || !plugin->drivers) {
     std::fprintf(stderr, "the FFmpeg demuxer plugin (libdemuxer_ffmpeg.so) was not found\n");
     std::abort();
   }
-  return static_cast<const travik_demuxer_driver *>(plugin->drivers);  // kept for the run
+  return static_cast<const travik_demuxer_driver *>(plugin->drivers);
 }
+
+const travik_demuxer_driver *driver;
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  driver = load_driver();
+  return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const travik_demuxer_driver *driver = load_driver();
   fuzz_demuxer(driver, "fuzz.mp4", data, size);
   return 0;
 }
