@@ -82,7 +82,14 @@ enum {
   TRAVIK_CODEC_AMR_NB = 83,
   TRAVIK_CODEC_AMR_WB = 84,
   TRAVIK_CODEC_ALAC = 85,
-  TRAVIK_CODEC_MPEG2VIDEO = 86     /* when a container tells MPEG-2 from MPEG-1 */
+  TRAVIK_CODEC_MPEG2VIDEO = 86,    /* when a container tells MPEG-2 from MPEG-1 */
+  TRAVIK_CODEC_MP2 = 87,           /* MPEG audio layer II, when a container names it */
+  TRAVIK_CODEC_PCM_S24BE = 88,
+  TRAVIK_CODEC_PCM_S32BE = 89,
+  TRAVIK_CODEC_PCM_F32BE = 90,
+  TRAVIK_CODEC_PCM_F64LE = 91,
+  TRAVIK_CODEC_PCM_F64BE = 92,
+  TRAVIK_CODEC_PCM_S8 = 93
 };
 
 /* Stream types of a codec description. */
