@@ -13,6 +13,7 @@
 #include <travik/config.h>
 #include <travik/decoder.h>
 #include <travik/demuxer.h>
+#include <travik/draw.h>
 #include <travik/font.h>
 #include <travik/frame.h>
 #include <travik/io.h>
