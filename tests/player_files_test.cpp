@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <util/testutil.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -141,5 +142,22 @@ TEST_F(PlayerFiles, Y4mPlaysIntoY4mOutput) {
   EXPECT_EQ(got.size(), pictures.size());
   EXPECT_TRUE(got == pictures);
 }
+
+#ifdef TRAVIK_PLAY_FILE_EXAMPLE
+// The README's example plays a file to its end and reports the events.
+TEST_F(PlayerFiles, ExampleProgramPlaysToTheEnd) {
+  std::string samples;
+  for (int i = 0; i < 800 * 2; i++) put16(samples, static_cast<uint32_t>(i));
+  std::string input = dir_.file("example.wav");
+  std::string log = dir_.file("example.log");
+  travik_test::write_file(input, wav_file(samples, 8000, 2));
+  std::string command = std::string(TRAVIK_PLAY_FILE_EXAMPLE) + " " + input + " null null > " + log + " 2>/dev/null";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  std::string printed = travik_test::read_file(log);
+  EXPECT_NE(printed.find("event 3\nevent 0\n"), std::string::npos) << printed;  // OPENING, OPENED
+  EXPECT_NE(printed.find("buffering 100%"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("end at "), std::string::npos) << printed;
+}
+#endif
 
 }  // namespace
