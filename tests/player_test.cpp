@@ -824,6 +824,109 @@ TEST_F(Player, FadeAndFadeWait) {
   EXPECT_LT(now_ms() - start, 3000);
 }
 
+// ---------------------------------------------------------------- overlay
+
+// A font whose line height is 20 (metrics 17 and 0) and whose glyphs are
+// 4 x 10 boxes advancing 6, handed in as a driver.
+int32_t font_metrics(void *, int32_t *first, int32_t *second) {
+  *first = 17;
+  *second = 0;
+  return 0;
+}
+int32_t font_glyph(void *, uint16_t code, travik_font_glyph *glyph) {
+  glyph->word[0] = static_cast<int16_t>(code);
+  glyph->word[1] = 1;
+  glyph->word[2] = 2;
+  glyph->word[3] = 10;
+  glyph->word[4] = 6;
+  glyph->word[5] = 4;
+  glyph->word[6] = 1;
+  glyph->word[7] = 9;
+  return 0;
+}
+int32_t font_render(void *, const travik_font_glyph *glyph, uint8_t *image, int32_t x, int32_t y,
+                    int32_t pitch) {
+  for (int32_t j = 0; j < glyph->word[7]; ++j) {
+    for (int32_t i = 0; i < glyph->word[5]; ++i) image[(y + j) * pitch + x + i] = 255;
+  }
+  return 0;
+}
+const travik_font_driver font_driver[] = {
+    {"twenty", "twenty", [](travik_font *f, const char *) -> void * { return f; },
+     [](void *) {}, font_metrics, font_glyph, font_render},
+    {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+// One two-line entry at 10 ms, then nothing.
+std::atomic<int32_t> g_entries_given{0};
+std::atomic<int32_t> g_entries_released{0};
+travik_subtitle_line g_lines[2] = {{"ab", 2}, {"cdef", 4}};
+void entry_release(travik_subtitle_entry *entry) {
+  g_entries_released++;
+  delete entry;
+}
+int32_t subtitle_parse(void *, void **item) {
+  if (g_entries_given++ == 0) {
+    auto *entry = new travik_subtitle_entry();
+    entry->time = 10000;
+    entry->count = 2;
+    entry->lines = g_lines;
+    entry->release = entry_release;
+    *item = entry;
+  }
+  return 0;
+}
+const travik_subtitle_driver subtitle_driver = {
+    "one entry", "tst", [](const char *) { return 1; },
+    [](travik_subtitle *s, const char *) -> void * { return s; }, [](void *) {},
+    [](void *) { return 1; }, [](void *, int32_t) -> const char * { return "x"; },
+    [](void *, int32_t) { return 0; }, subtitle_parse, [](void *, int64_t) { return 0; },
+    [](void *) { return 0; }};
+
+TEST_F(Player, SubtitleOverlayRendersTheEntry) {
+  g_entries_given = 0;
+  g_entries_released = 0;
+  create();
+  // No subtitle or font plugin in this plugin directory.
+  EXPECT_EQ(travik_player_setfont(player_, "/fonts/none.ttf", 20), 1);
+  EXPECT_EQ(travik_player_getobject(player_, 7), nullptr);
+  EXPECT_EQ(travik_player_setsubtitle(player_, "/subs/none.srt"), 1);
+  EXPECT_EQ(travik_player_getobject(player_, 5), nullptr);
+  player_->font = travik_font_create("/fonts/font.twenty", 20, font_driver);
+  ASSERT_NE(player_->font, nullptr);
+  ASSERT_EQ(travik_font_getheight(player_->font), 20);
+  player_->subtitle = travik_subtitle_create("subs", &subtitle_driver);
+  ASSERT_NE(player_->subtitle, nullptr);
+  open(video_stream(400) + video_packets(0, 10));
+  EXPECT_EQ(travik_player_getobject(player_, 5), player_->subtitle);  // kept at open
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_event(TRAVIK_EVENT_END));
+  auto *image = static_cast<travik_draw *>(travik_player_getobject(player_, 6));
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(image->height, 2 * 20 + 20 / 4);  // 45
+  EXPECT_EQ(image->width, 16);
+  // Asked on the first frame (at 0, before the entry's time: kept), shown
+  // and dropped on the second, then asked again on each later frame.
+  EXPECT_EQ(g_entries_given, 1 + 8);
+  EXPECT_EQ(g_entries_released, 1);
+  travik_player_close(player_);
+  EXPECT_EQ(travik_player_getobject(player_, 6), nullptr);
+  EXPECT_EQ(travik_player_getobject(player_, 5), nullptr);
+}
+
+TEST_F(Player, HiddenSubtitlesAreNotRendered) {
+  g_entries_given = 0;
+  create();
+  player_->font = travik_font_create("/fonts/font.twenty", 20, font_driver);
+  player_->subtitle = travik_subtitle_create("subs", &subtitle_driver);
+  travik_player_setinfo(player_, 19, 0);
+  open(video_stream(200) + video_packets(0, 5));
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_event(TRAVIK_EVENT_END));
+  EXPECT_EQ(travik_player_getobject(player_, 6), nullptr);
+  EXPECT_EQ(g_entries_given, 0);
+}
+
 // ---------------------------------------------------------------- prompt stops
 
 class PlayerStops : public Player {
