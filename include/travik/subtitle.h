@@ -25,13 +25,14 @@ struct travik_subtitle;
 /*
  * The entry a driver's `parse` hands out: the text to show from `time` on.
  *
- * A driver allocates each entry (usually as one block holding the record,
- * the line array and the text) and fills `release`; whoever receives the
- * entry owns it and frees it through `release` only, from any thread, also
- * after the driver has been closed. An entry with `count` 0 clears the
- * screen: drivers hand one out at a cue's end time when the next cue starts
- * later. Line texts are UTF-8 without markup, not necessarily terminated;
- * `length` is in bytes.
+ * Whoever receives an entry owns it and frees it through its `release`
+ * only, from any thread, also after the driver has been closed and its
+ * plugin unloaded. Drivers therefore make entries with
+ * travik_subtitle_entry_create(), whose release function lives in the
+ * library (a release function inside a plugin would be unloaded with it).
+ * An entry with `count` 0 clears the screen: drivers hand one out at a
+ * cue's end time when the next cue starts later. Line texts are UTF-8
+ * without markup; `length` is in bytes, and a terminating 0 follows.
  */
 typedef struct travik_subtitle_line {
   const char *text;
@@ -45,6 +46,11 @@ struct travik_subtitle_entry {
   travik_subtitle_line *lines;  /* `count` lines, top first */
   void (*release)(travik_subtitle_entry *entry);
 };
+
+/* Makes an entry in one block holding the record, the line array and a
+ * terminated copy of every line's text. */
+TRAVIK_API travik_subtitle_entry *travik_subtitle_entry_create(int64_t time, int32_t count,
+                                                               const travik_subtitle_line *lines);
 
 /* One driver of a subtitle plugin's table; a NULL description ends the table. */
 typedef struct travik_subtitle_driver {

@@ -3,6 +3,7 @@
 #include <travik/subtitle.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "overlay/subtitle_cache.h"
 
@@ -14,9 +15,34 @@ int32_t score_driver(void *drivers, int32_t index, void *user) {
   return table[index].probe(static_cast<const char *>(user));
 }
 
+void release_entry(travik_subtitle_entry *entry) { std::free(entry); }
+
 }  // namespace
 
 extern "C" {
+
+travik_subtitle_entry *travik_subtitle_entry_create(int64_t time, int32_t count,
+                                                    const travik_subtitle_line *lines) {
+  if (count < 0) count = 0;
+  size_t size = sizeof(travik_subtitle_entry) + static_cast<size_t>(count) * sizeof(travik_subtitle_line);
+  for (int32_t i = 0; i < count; ++i) size += static_cast<size_t>(lines[i].length) + 1;
+  auto *entry = static_cast<travik_subtitle_entry *>(std::malloc(size));
+  auto *copy = reinterpret_cast<travik_subtitle_line *>(entry + 1);
+  char *text = reinterpret_cast<char *>(copy + count);
+  entry->time = time;
+  entry->count = count;
+  entry->lines = count ? copy : nullptr;
+  entry->release = release_entry;
+  for (int32_t i = 0; i < count; ++i) {
+    const auto length = static_cast<size_t>(lines[i].length);
+    std::memcpy(text, lines[i].text, length);
+    text[length] = '\0';
+    copy[i].text = text;
+    copy[i].length = lines[i].length;
+    text += length + 1;
+  }
+  return entry;
+}
 
 travik_subtitle *travik_subtitle_create(const char *source, const travik_subtitle_driver *driver) {
   auto *subtitle = static_cast<travik_subtitle *>(std::calloc(1, sizeof(travik_subtitle)));

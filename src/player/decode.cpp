@@ -25,6 +25,12 @@ int32_t packet_tag(const travik_packet *packet) { return packet->extra; }
 
 int32_t count_of(travik_list *list) { return relaxed_load(list->count); }
 
+// Pooled frames change hands between threads: their counts are atomic.
+template <typename Frame>
+int32_t pooled_addref(Frame *frame) {
+  return __atomic_add_fetch(&frame->refcount, 1, __ATOMIC_ACQ_REL);
+}
+
 int32_t audio_recycle(travik_audioframe *frame) {
   int32_t count = __atomic_sub_fetch(&frame->refcount, 1, __ATOMIC_ACQ_REL);
   if (count == 0) {
@@ -68,6 +74,7 @@ void *audio_allocate(void *user, void *templ_data) {
   }
   pooled->frame.timestamp = templ->timestamp;
   pooled->frame.count = templ->count;
+  pooled->frame.addref = pooled_addref<travik_audioframe>;
   pooled->frame.release = audio_recycle;
   return &pooled->frame;
 }
@@ -101,6 +108,7 @@ void *video_allocate(void *user, void *templ_data) {
     pooled->frame.format = templ->format;
     pooled->frame.refcount = 1;
   }
+  pooled->frame.addref = pooled_addref<travik_videoframe>;
   pooled->frame.release = video_recycle;
   return &pooled->frame;
 }

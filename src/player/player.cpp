@@ -266,11 +266,10 @@ void travik_player_close(travik_player *player) {
 
   // The video reset handed the frame on screen back to its pool, so every
   // picture buffer not held by the decoder is on free_frames now.
-  // An input without one of the streams never made its decoder.
-  if (travik_decoder *decoder = player->video_decode.decoder.load()) travik_decoder_destroy(decoder);
+  if (travik_decoder *decoder = player->video_decode.decoder) travik_decoder_destroy(decoder);
   player->video_decode.decoder = nullptr;
   video_pool_clear(player);
-  if (travik_decoder *decoder = player->audio_decode.decoder.load()) travik_decoder_destroy(decoder);
+  if (travik_decoder *decoder = player->audio_decode.decoder) travik_decoder_destroy(decoder);
   player->audio_decode.decoder = nullptr;
   audio_pool_clear(player);
 

@@ -8,6 +8,7 @@
 #include <travik/video.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <vector>
@@ -16,14 +17,19 @@ namespace travik_test {
 
 struct FakeAudio {
   travik_audio_driver table;
-  std::atomic<int32_t> rate{44100};      // what getformat reports
-  std::atomic<int32_t> channels{2};
+  std::atomic<int32_t> rate{0};          // what getformat reports; 0: the wanted format
+  std::atomic<int32_t> channels{0};
   std::atomic<int32_t> delay_bytes{0};   // getdelay
   std::atomic<int32_t> space_bytes{4096};  // getspace
   std::atomic<int32_t> writes{0};
   std::atomic<int64_t> bytes_written{0};
   std::atomic<int32_t> resets{0};
   std::atomic<int32_t> inits{0};
+  // When 0 or more: this long after the last write the device has played
+  // everything (its delay reads as its space, which the front end takes
+  // for "empty"). -1: getdelay is delay_bytes, always.
+  std::atomic<int32_t> drain_after_ms{-1};
+  std::atomic<int64_t> last_write_ms{0};
   std::mutex mutex;
   std::vector<int16_t> samples;          // every value written, in order
 
@@ -46,18 +52,29 @@ struct FakeAudio {
     a->samples.insert(a->samples.end(), values, values + bytes / 2);
     a->writes++;
     a->bytes_written += bytes;
+    a->last_write_ms = now();
     return bytes;
   }
   static int32_t getformat(void *h, int32_t *rate, int32_t *channels) {
-    *rate = of(h)->rate;
-    *channels = of(h)->channels;
+    if (of(h)->rate > 0) *rate = of(h)->rate;
+    if (of(h)->channels > 0) *channels = of(h)->channels;
     return 0;
   }
   static int32_t reset(void *h) {
     of(h)->resets++;
     return 0;
   }
-  static int32_t getdelay(void *h) { return of(h)->delay_bytes; }
+  static int64_t now() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+  }
+  static int32_t getdelay(void *h) {
+    FakeAudio *a = of(h);
+    if (a->drain_after_ms >= 0 && a->writes > 0 && now() - a->last_write_ms > a->drain_after_ms) {
+      return a->space_bytes;
+    }
+    return a->delay_bytes;
+  }
   static int32_t getspace(void *h) { return of(h)->space_bytes; }
 };
 

@@ -130,27 +130,13 @@ std::vector<Language> find_languages(const char *source) {
   return languages;
 }
 
-void release_entry(travik_subtitle_entry *entry) { std::free(entry); }
-
-// One block: the record, the line array, then the texts, each terminated.
+// The entry's release function lives in the library, so that entries the
+// player still holds survive this plugin's unloading.
 travik_subtitle_entry *make_entry(const Entry &from) {
-  size_t size = sizeof(travik_subtitle_entry) + from.lines.size() * sizeof(travik_subtitle_line);
-  for (const std::string &line : from.lines) size += line.size() + 1;
-  auto *entry = static_cast<travik_subtitle_entry *>(std::malloc(size));
-  auto *lines = reinterpret_cast<travik_subtitle_line *>(entry + 1);
-  char *text = reinterpret_cast<char *>(lines + from.lines.size());
-  entry->time = from.time;
-  entry->count = static_cast<int32_t>(from.lines.size());
-  entry->lines = from.lines.empty() ? nullptr : lines;
-  entry->release = release_entry;
-  for (size_t i = 0; i < from.lines.size(); ++i) {
-    std::memcpy(text, from.lines[i].data(), from.lines[i].size());
-    text[from.lines[i].size()] = '\0';
-    lines[i].text = text;
-    lines[i].length = static_cast<int32_t>(from.lines[i].size());
-    text += from.lines[i].size() + 1;
-  }
-  return entry;
+  std::vector<travik_subtitle_line> lines;
+  for (const std::string &line : from.lines)
+    lines.push_back({line.data(), static_cast<int32_t>(line.size())});
+  return travik_subtitle_entry_create(from.time, static_cast<int32_t>(lines.size()), lines.data());
 }
 
 int32_t text_probe(const char *source) { return find_languages(source).empty() ? 0 : 50; }
