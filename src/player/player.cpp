@@ -185,10 +185,12 @@ travik_player *travik_player_create(const travik_player_description *description
 
 void travik_player_destroy(travik_player *player) {
   travik_thread_destroy(player->demux_thread);
-  pthread_mutex_destroy(&player->audio_decode.mutex);
+  // Each decode mutex goes once its thread has ended: the thread may hold
+  // it until then.
   travik_thread_destroy(player->audio_decode.thread);
-  pthread_mutex_destroy(&player->video_decode.mutex);
+  pthread_mutex_destroy(&player->audio_decode.mutex);
   travik_thread_destroy(player->video_decode.thread);
+  pthread_mutex_destroy(&player->video_decode.mutex);
   player->video_out.interrupt = 1;
   travik_thread_destroy(player->video_out.thread);
   pthread_mutex_destroy(&player->video_out.mutex);
