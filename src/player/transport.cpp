@@ -92,7 +92,12 @@ void prepare_decoders(travik_player *player) {
   for (int32_t attempt = 0; attempt < kSeekAttempts; attempt++) {
     bool audio_missing;
     bool video_missing;
-    if (decoders_ready(player, &audio_missing, &video_missing)) return;
+    // The demux thread may be declaring the streams (parsing the header)
+    // right now: the streams are read under the demux mutex.
+    pthread_mutex_lock(&player->demux_mutex);
+    bool ready = decoders_ready(player, &audio_missing, &video_missing);
+    pthread_mutex_unlock(&player->demux_mutex);
+    if (ready) return;
     if (player->end_of_stream == 1) return;
     // Without a ceiling the input is never full.
     bool full = player->input_limit > 0 && player->input_held >= player->input_limit;
