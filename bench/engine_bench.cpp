@@ -13,6 +13,7 @@
 //   - the seek latency: from travik_player_seek to the next flip.
 // The figures come from one run on a machine that may be busy; run it a few
 // times.
+#include <dirent.h>
 #include <limits.h>
 #include <malloc.h>
 #include <stdio.h>
@@ -25,6 +26,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "measuring_devices.h"
@@ -98,6 +100,36 @@ double decode_alone(const std::string &path) {
   travik_demuxer_destroy(demuxer);
   travik_io_destroy(io);
   return used;
+}
+
+// CPU milliseconds of each thread of the process, in thread-id order (the
+// player's workers are made in the order audio output, video output,
+// demux, audio decode, video decode).
+std::vector<std::pair<int, double>> thread_cpu_ms() {
+  std::vector<std::pair<int, double>> threads;
+  DIR *dir = opendir("/proc/self/task");
+  if (!dir) return threads;
+  const double tick_ms = 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
+  while (struct dirent *entry = readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    std::string path = std::string("/proc/self/task/") + entry->d_name + "/stat";
+    FILE *f = fopen(path.c_str(), "r");
+    if (!f) continue;
+    char line[1024];
+    if (fgets(line, sizeof line, f)) {
+      // Fields after the command name (which ends with the last ')'):
+      // state is field 3, utime 14 and stime 15.
+      const char *rest = strrchr(line, ')');
+      unsigned long utime = 0, stime = 0;
+      if (rest && sscanf(rest + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime,
+                         &stime) == 2)
+        threads.push_back({atoi(entry->d_name), static_cast<double>(utime + stime) * tick_ms});
+    }
+    fclose(f);
+  }
+  closedir(dir);
+  std::sort(threads.begin(), threads.end());
+  return threads;
 }
 
 // Reads events until `code` arrives or `ms` pass; true when it arrived.
@@ -197,6 +229,7 @@ int main(int argc, char **argv) {
   const bool ended = wait_event(player, fds[0], TRAVIK_EVENT_END, (kSeconds + 20) * 1000);
   const double wall = static_cast<double>(wall_us() - play_at) / 1e6;
   const double play_cpu = cpu_seconds() - cpu_start;
+  const std::vector<std::pair<int, double>> threads = thread_cpu_ms();
 
   std::vector<double> offsets;
   {
@@ -254,6 +287,14 @@ int main(int argc, char **argv) {
   printf("%-44s %8.2f ms\n", "seek to next flip, p50", percentile(seek_ms, 0.5));
   printf("%-44s %8.2f ms\n", "seek to next flip, max", percentile(seek_ms, 1.0));
   printf("%-44s %8.2f s\n", "wall time of the playback", wall);
+  static const char *const kThreadNames[] = {"application (and decode alone)", "audio output",
+                                             "video output", "demux", "audio decode",
+                                             "video decode"};
+  if (threads.size() == 6) {
+    printf("CPU by thread over the whole run (ms):\n");
+    for (size_t i = 0; i < threads.size(); i++)
+      printf("  %-42s %9.0f\n", kThreadNames[i], threads[i].second);
+  }
   if (!ended) printf("the end event did not come\n");
   return ended ? 0 : 1;
 }
