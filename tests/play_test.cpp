@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -724,6 +725,81 @@ TEST(Play, AutoFallsBackQuietlyWithoutSoundCardOrDisplay) {
   size_t at = r.err.find("travik-play: audio to \"null\" (no sound device found)");
   ASSERT_NE(at, std::string::npos) << r.err;
   EXPECT_EQ(r.err.find("travik-play: audio to", at + 1), std::string::npos) << r.err;
+}
+
+// Pictures of black (luma 16, chroma 128) for the subtitle tests.
+std::string black_y4m(int width, int height, int frames) {
+  std::string s = "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) +
+                  " F25:1 Ip C420jpeg\n";
+  for (int f = 0; f < frames; f++)
+    s += "FRAME\n" + std::string(static_cast<size_t>(width * height), '\x10') +
+         std::string(static_cast<size_t>(width * height / 2), '\x80');
+  return s;
+}
+
+// Luma samples of each picture that are not black.
+std::vector<int> lit_pixels(const std::vector<std::string> &pictures, int width, int height) {
+  std::vector<int> lit;
+  for (const std::string &picture : pictures)
+    lit.push_back(static_cast<int>(std::count_if(picture.begin(), picture.begin() + width * height,
+                                                 [](char c) { return c != '\x10'; })));
+  return lit;
+}
+
+bool have_subtitle_plugins() {
+  return exists(kPlugins + "/subtitle/libsubtitle_text.so") &&
+         exists(kPlugins + "/font/libfont_freetype.so") &&
+         exists("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf");
+}
+
+TEST(Play, SubtitlesAreDrawnOntoThePictures) {
+  if (!have_subtitle_plugins()) GTEST_SKIP() << "no subtitle or font plugin, or no default font";
+  TempDir dir;
+  write_file(dir.file("in.y4m"), black_y4m(64, 32, 15));
+  // Shown from 0.1 s: the pictures from 0.16 s on carry it.
+  write_file(dir.file("in.srt"), "1\n00:00:00,100 --> 00:00:09,000\nHi\n\n");
+  Result r = play(dir, {"-q", "-a", "null", "-v", "y4m:" + dir.file("out.y4m"), "--sub",
+                        dir.file("in.srt"), "--font-size", "14", dir.file("in.y4m")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string header;
+  std::vector<int> lit = lit_pixels(read_y4m(dir.file("out.y4m"), 64, 32, &header), 64, 32);
+  ASSERT_GE(lit.size(), 8u);
+  EXPECT_EQ(lit[0], 0);
+  EXPECT_GT(lit.back(), 0) << "no subtitle on the last picture";
+}
+
+TEST(Play, SubtitlesCanBeSwitchedOff) {
+  if (!have_subtitle_plugins()) GTEST_SKIP() << "no subtitle or font plugin, or no default font";
+  TempDir dir;
+  write_file(dir.file("in.y4m"), black_y4m(64, 32, 15));
+  write_file(dir.file("in.srt"), "1\n00:00:00,100 --> 00:00:09,000\nHi\n\n");
+  Result r = play(dir, {"-q", "-a", "null", "-v", "y4m:" + dir.file("out.y4m"), "--sub",
+                        dir.file("in.srt"), "--commands", "subtitles", dir.file("in.y4m")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string header;
+  std::vector<int> lit = lit_pixels(read_y4m(dir.file("out.y4m"), 64, 32, &header), 64, 32);
+  ASSERT_GE(lit.size(), 8u);
+  EXPECT_EQ(lit.back(), 0);
+}
+
+TEST(Play, UnusableFontIsReportedAndPlaybackGoesOn) {
+  TempDir dir;
+  write_file(dir.file("in.y4m"), black_y4m(16, 16, 3));
+  Result r = play(dir, {"-a", "null", "-v", "null", "--font", dir.file("none.ttf"),
+                        dir.file("in.y4m")});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("travik-play: cannot use the font \"" + dir.file("none.ttf") + "\""),
+            std::string::npos)
+      << r.err;
+}
+
+TEST(Play, UnreadableSubtitleFileIsAnError) {
+  TempDir dir;
+  write_file(dir.file("in.y4m"), black_y4m(16, 16, 3));
+  Result r = play(dir, {"-a", "null", "-v", "null", "--sub", dir.file("none.srt"),
+                        dir.file("in.y4m")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("travik-play: cannot read subtitles from"), std::string::npos) << r.err;
 }
 
 }  // namespace
