@@ -222,8 +222,11 @@ int travik_player_open(travik_player *player, const char *url) {
   if (player->io->url.scheme && std::strcmp(player->io->url.scheme, "file") == 0) {
     overlay_attach_beside(player, url);
   }
-  player->demuxer = travik_demuxer_create(player->io, demux_allocator_create(player));
+  travik_demuxer_allocator *allocator = demux_allocator_create(player);
+  player->demuxer = travik_demuxer_create(player->io, allocator);
   if (!player->demuxer) {
+    // A demuxer that was not made did not take the allocator.
+    allocator->destroy(allocator);
     travik_io_destroy(player->io);
     player->io = nullptr;
     return 1;
