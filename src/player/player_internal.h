@@ -61,6 +61,18 @@ struct player_output_block {
   flag_t interrupt;
 };
 
+// Frames of the decode pools: list items holding the frame record first.
+struct pooled_audioframe {
+  travik_audioframe frame;
+  int32_t capacity;  // bytes in the sample buffer, a heap block of its own
+  player_decode_block *owner;
+};
+
+struct pooled_videoframe {
+  travik_videoframe frame;  // its picture buffer comes from the video device
+  travik_player *owner;
+};
+
 struct travik_player {
   // Input side.
   travik_io *io;
