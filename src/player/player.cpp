@@ -184,11 +184,13 @@ travik_player *travik_player_create(const travik_player_description *description
 }
 
 void travik_player_destroy(travik_player *player) {
+  // Each decode thread ends before its mutex goes: a pass still running
+  // holds it.
   travik_thread_destroy(player->demux_thread);
-  pthread_mutex_destroy(&player->audio_decode.mutex);
   travik_thread_destroy(player->audio_decode.thread);
-  pthread_mutex_destroy(&player->video_decode.mutex);
+  pthread_mutex_destroy(&player->audio_decode.mutex);
   travik_thread_destroy(player->video_decode.thread);
+  pthread_mutex_destroy(&player->video_decode.mutex);
   player->video_out.interrupt = 1;
   travik_thread_destroy(player->video_out.thread);
   pthread_mutex_destroy(&player->video_out.mutex);

@@ -45,7 +45,7 @@ struct player_decode_block {
   flag_t discard_pending;      // after a reset: drop frames until a usable one
   flag_t create_only;          // the next pass only tries to create the decoder
   int32_t frame_limit;
-  int32_t frame_count;         // frames ever allocated (decoding thread only)
+  flag_t frame_count;          // frames ever allocated; written by the decoding thread
   flag_t skip_changed;         // video: the decoder changed the last skip level
   flag_t no_skip;              // video: levels above 0 wait for a low pool
   travik_list free_frames;     // recycled frames
