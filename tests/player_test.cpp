@@ -1102,6 +1102,34 @@ TEST_F(PlayerStops, OutputResumesAtKeyFramesAfterSeek) {
   EXPECT_TRUE(found);
 }
 
+TEST_F(PlayerStops, SeekBeforePlay) {
+  open(audio_stream(8000) + video_stream(8000) + audio_packets(0, 100) + video_packets(1, 100));
+  // Before the header is parsed the demuxer declares no stream, so the seek
+  // finds nothing to prepare and goes straight to the demuxer.
+  prompt([&] { EXPECT_EQ(travik_player_seek(player_, 2000), 0); });
+  EXPECT_EQ(script()->seeks, 2);
+  EXPECT_EQ(script()->last_seek, 2000000);
+  EXPECT_EQ(travik_player_getobject(player_, 1), nullptr);
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_event(TRAVIK_EVENT_AUDIO_STARTED));
+  prompt([&] { travik_player_close(player_); });
+}
+
+TEST_F(PlayerStops, SeekWhileBuffering) {
+  open(audio_stream(8000) + audio_packets(0, 100) + "hold\n", "bitrate 8000000\npreroll 1000\n");
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_for([&] { return player_->buffering != 0 && relaxed(player_->audio_ready.count) > 0; }));
+  // The seek ends the buffering under way (100 %) and starts a new one.
+  prompt([&] { EXPECT_EQ(travik_player_seek(player_, 1000), 0); });
+  EXPECT_GE(payloads(TRAVIK_EVENT_BUFFERING).size(), 1u);
+  EXPECT_EQ(payloads(TRAVIK_EVENT_BUFFERING).back(), 100);
+  prompt([&] {
+    travik_player_close(player_);
+    travik_player_destroy(player_);
+    player_ = nullptr;
+  });
+}
+
 TEST_F(PlayerStops, DestroyWithoutClose) {
   create();
   prompt([&] {
