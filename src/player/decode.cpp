@@ -9,17 +9,6 @@
 
 namespace {
 
-struct pooled_audioframe {
-  travik_audioframe frame;
-  int32_t capacity;  // bytes in the sample buffer
-  player_decode_block *owner;
-};
-
-struct pooled_videoframe {
-  travik_videoframe frame;
-  travik_player *owner;
-};
-
 // The packet's opaque word handed on to the frames decoded from it.
 int32_t packet_tag(const travik_packet *packet) { return packet->extra; }
 

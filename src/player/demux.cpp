@@ -230,8 +230,8 @@ void pipeline_flush(travik_player *player) {
 
 void demux_pass(travik_player *player) {
   demux_waiter waiter = {player, player->demux_wakeups};
-  travik_demuxer *demuxer = player->demuxer;
   pthread_mutex_lock(&player->demux_mutex);
+  travik_demuxer *demuxer = player->demuxer;
   if (player->end_of_stream == 1) {
     buffering_progress(player);
     travik_thread_pause(player->demux_thread);

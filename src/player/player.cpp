@@ -184,9 +184,9 @@ travik_player *travik_player_create(const travik_player_description *description
 }
 
 void travik_player_destroy(travik_player *player) {
+  // Each decode thread ends before its mutex goes: a pass still running
+  // holds it.
   travik_thread_destroy(player->demux_thread);
-  // Each decode mutex goes once its thread has ended: the thread may hold
-  // it until then.
   travik_thread_destroy(player->audio_decode.thread);
   pthread_mutex_destroy(&player->audio_decode.mutex);
   travik_thread_destroy(player->video_decode.thread);
@@ -224,8 +224,11 @@ int travik_player_open(travik_player *player, const char *url) {
   if (player->io->url.scheme && std::strcmp(player->io->url.scheme, "file") == 0) {
     overlay_attach_beside(player, url);
   }
-  player->demuxer = travik_demuxer_create(player->io, demux_allocator_create(player));
+  travik_demuxer_allocator *allocator = demux_allocator_create(player);
+  player->demuxer = travik_demuxer_create(player->io, allocator);
   if (!player->demuxer) {
+    // A demuxer that was not made did not take the allocator.
+    allocator->destroy(allocator);
     travik_io_destroy(player->io);
     player->io = nullptr;
     return 1;

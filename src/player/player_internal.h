@@ -45,7 +45,7 @@ struct player_decode_block {
   flag_t discard_pending;      // after a reset: drop frames until a usable one
   flag_t create_only;          // the next pass only tries to create the decoder
   int32_t frame_limit;
-  int32_t frame_count;         // frames ever allocated (decoding thread only)
+  flag_t frame_count;          // frames ever allocated; written by the decoding thread
   flag_t skip_changed;         // video: the decoder changed the last skip level
   flag_t no_skip;              // video: levels above 0 wait for a low pool
   travik_list free_frames;     // recycled frames
@@ -59,6 +59,18 @@ struct player_output_block {
   travik_thread_body body;     // for the last sweep after a reset
   pthread_mutex_t mutex;       // device set-up, `late` and `current`
   flag_t interrupt;
+};
+
+// Frames of the decode pools: list items holding the frame record first.
+struct pooled_audioframe {
+  travik_audioframe frame;
+  int32_t capacity;  // bytes in the sample buffer, a heap block of its own
+  player_decode_block *owner;
+};
+
+struct pooled_videoframe {
+  travik_videoframe frame;  // its picture buffer comes from the video device
+  travik_player *owner;
 };
 
 struct travik_player {
