@@ -5,6 +5,8 @@
 #include <travik/travik.h>
 #include <util/testutil.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -212,6 +214,18 @@ TEST_F(TextSubtitle, OverlappingCuesAreShownTogether) {
                             {1000, {"A"}}, {2000, {"A", "B"}}, {3000, {"A"}}, {4000, {"C"}}, {5000, {}}}));
 }
 
+TEST_F(TextSubtitle, AtMostSixteenCuesAtOnce) {
+  std::string srt;
+  for (int i = 0; i < 20; ++i) srt += "00:00:01,000 --> 00:00:09,000\ncue " + std::to_string(i) + "\n\n";
+  srt += "00:00:05,000 --> 00:00:06,000\nlate\n\n";
+  const std::vector<Shown> got = shows(srt);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[0].first, 1000);
+  ASSERT_EQ(got[0].second.size(), 16u);
+  EXPECT_EQ(got[0].second[15], "cue 15");
+  EXPECT_EQ(got[1], (Shown{9000, {}}));
+}
+
 TEST_F(TextSubtitle, CuesOutOfOrderAreSorted) {
   const char srt[] =
       "1\n00:00:05,000 --> 00:00:06,000\nlater\n\n"
@@ -249,6 +263,19 @@ TEST_F(TextSubtitle, FileAndMovieUrls) {
     EXPECT_EQ(shown, (Shown{1000, {"Hello world"}}));
     travik_subtitle_destroy(s);
   }
+}
+
+TEST_F(TextSubtitle, FileUrlPathAsTheFileBackEndOpensIt) {
+  // "file:///<relative>" names <relative> to the file back-end: a movie
+  // opened that way finds its subtitles relative to the working directory.
+  write("rel.srt", kSubRip);
+  char cwd[4096];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  ASSERT_EQ(chdir(dir_.path().c_str()), 0);
+  travik_subtitle *s = travik_subtitle_create("file:///rel.avi", nullptr);
+  EXPECT_NE(s, nullptr);
+  if (s) travik_subtitle_destroy(s);
+  ASSERT_EQ(chdir(cwd), 0);
 }
 
 TEST_F(TextSubtitle, LanguagesBesideAMovie) {

@@ -16,6 +16,10 @@ namespace {
 // Microseconds in the time fields that parsing accepts (about 27 years):
 // far beyond any movie, and far from overflowing.
 constexpr int64_t kMaxTime = INT64_C(1) << 50;
+// Cues shown at once at most. A screen holds a few lines; the bound keeps a
+// file of thousands of overlapping cues from costing quadratic time and
+// memory. Cues starting while that many are up are not shown.
+constexpr size_t kMaxOnScreen = 16;
 
 bool valid_utf8(const std::string &s) {
   size_t i = 0;
@@ -396,7 +400,9 @@ std::vector<Entry> make_timeline(std::vector<Cue> cues) {
     active.erase(std::remove_if(active.begin(), active.end(),
                                 [&](size_t i) { return cues[i].end <= t; }),
                  active.end());
-    for (; next < cues.size() && cues[next].start <= t; ++next) active.push_back(next);
+    for (; next < cues.size() && cues[next].start <= t; ++next) {
+      if (active.size() < kMaxOnScreen) active.push_back(next);
+    }
     Entry entry{t, {}};
     for (size_t i : active) {
       entry.lines.insert(entry.lines.end(), cues[i].lines.begin(), cues[i].lines.end());

@@ -39,7 +39,7 @@ std::vector<Cue> parse_cues(const std::string &text, Format format);
 
 // The entries that show `cues`, sorted by time: one at each time the text
 // on screen changes, overlapping cues shown together (earlier-starting
-// first) and an entry without lines where a gap begins.
+// first, at most 16 at once) and an entry without lines where a gap begins.
 std::vector<Entry> make_timeline(std::vector<Cue> cues);
 
 // The index of the entry that the next parse should give after a seek to

@@ -51,17 +51,21 @@ std::string lower(std::string s) {
   return s;
 }
 
-// The local path of a plain file name or "file" URL; empty for other schemes.
-std::string local_path(const char *source) {
-  if (!source || !*source) return {};
+// The local paths a plain file name or "file" URL may mean: the URL's path
+// as the library's file back-end opens it (for "file:///a/b" that is
+// "a/b", relative), then, for the URL forms, the same path made absolute,
+// which is what such a URL is usually meant to say. None for other schemes.
+std::vector<std::string> local_paths(const char *source) {
+  std::vector<std::string> paths;
+  if (!source || !*source) return paths;
   travik_url url;
   travik_url_init(&url, source);
-  std::string path;
-  if (url.scheme && url.path && strcasecmp(url.scheme, "file") == 0) {
-    path = url.host ? std::string("/") + url.path : std::string(url.path);
+  if (url.scheme && url.path && *url.path && strcasecmp(url.scheme, "file") == 0) {
+    paths.emplace_back(url.path);
+    if (url.host && url.path[0] != '/') paths.push_back(std::string("/") + url.path);
   }
   travik_url_destroy(&url);
-  return path;
+  return paths;
 }
 
 bool read_file(const std::string &path, std::string &data) {
@@ -86,12 +90,10 @@ std::vector<Entry> load(const std::string &path) {
   return travik_text::make_timeline(travik_text::parse_cues(text, travik_text::detect(text)));
 }
 
-// The languages at `source`: the file itself when it has a subtitle
+// The languages at `path`: the file itself when it has a subtitle
 // extension, else the subtitle files beside the movie, sorted by name.
-std::vector<Language> find_languages(const char *source) {
+std::vector<Language> find_languages(const std::string &path) {
   std::vector<Language> languages;
-  const std::string path = local_path(source);
-  if (path.empty()) return languages;
   const size_t slash = path.rfind('/');
   const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
   const size_t dot = name.rfind('.');
@@ -137,6 +139,15 @@ travik_subtitle_entry *make_entry(const Entry &from) {
   for (const std::string &line : from.lines)
     lines.push_back({line.data(), static_cast<int32_t>(line.size())});
   return travik_subtitle_entry_create(from.time, static_cast<int32_t>(lines.size()), lines.data());
+}
+
+// The languages of the first of the source's paths that has any.
+std::vector<Language> find_languages(const char *source) {
+  for (const std::string &path : local_paths(source)) {
+    std::vector<Language> languages = find_languages(path);
+    if (!languages.empty()) return languages;
+  }
+  return {};
 }
 
 int32_t text_probe(const char *source) { return find_languages(source).empty() ? 0 : 50; }
