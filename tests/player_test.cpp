@@ -318,14 +318,12 @@ TEST_F(Player, PoolSizesFromDescription) {
 
 TEST_F(Player, UnknownAudioDriverOpensNoVideo) {
   desc_.audio_driver = "no-such-audio";
-  std::atomic<int32_t> opened{0};
   travik_test::StderrCapture err;
   EXPECT_EQ(travik_player_create(&desc_), nullptr);
   std::string text = err.text();
   EXPECT_NE(text.find("Can't open audio out plugin!!!\n"), std::string::npos);
   EXPECT_EQ(text.find("Can't open video out plugin"), std::string::npos);
-  EXPECT_EQ(video_.init_width, 0);
-  (void)opened;
+  EXPECT_EQ(video_.opens, 0);
 }
 
 TEST_F(Player, UnknownVideoDriver) {
@@ -1109,7 +1107,6 @@ TEST_F(PlayerStops, SeekBeforePlay) {
   prompt([&] { EXPECT_EQ(travik_player_seek(player_, 2000), 0); });
   EXPECT_EQ(script()->seeks, 2);
   EXPECT_EQ(script()->last_seek, 2000000);
-  EXPECT_EQ(travik_player_getobject(player_, 1), nullptr);
   travik_player_play(player_);
   ASSERT_TRUE(wait_event(TRAVIK_EVENT_AUDIO_STARTED));
   prompt([&] { travik_player_close(player_); });
