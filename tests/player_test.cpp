@@ -8,6 +8,7 @@
 #include <util/fake_output.h>
 #include <util/testutil.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -1118,8 +1119,8 @@ TEST_F(PlayerStops, SeekWhileBuffering) {
   ASSERT_TRUE(wait_for([&] { return player_->buffering != 0 && relaxed(player_->audio_ready.count) > 0; }));
   // The seek ends the buffering under way (100 %) and starts a new one.
   prompt([&] { EXPECT_EQ(travik_player_seek(player_, 1000), 0); });
-  EXPECT_GE(payloads(TRAVIK_EVENT_BUFFERING).size(), 1u);
-  EXPECT_EQ(payloads(TRAVIK_EVENT_BUFFERING).back(), 100);
+  std::vector<int32_t> steps = payloads(TRAVIK_EVENT_BUFFERING);
+  EXPECT_NE(std::find(steps.begin(), steps.end(), 100), steps.end());
   prompt([&] {
     travik_player_close(player_);
     travik_player_destroy(player_);
