@@ -8,6 +8,7 @@
 #include <util/fake_output.h>
 #include <util/testutil.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -318,14 +319,12 @@ TEST_F(Player, PoolSizesFromDescription) {
 
 TEST_F(Player, UnknownAudioDriverOpensNoVideo) {
   desc_.audio_driver = "no-such-audio";
-  std::atomic<int32_t> opened{0};
   travik_test::StderrCapture err;
   EXPECT_EQ(travik_player_create(&desc_), nullptr);
   std::string text = err.text();
   EXPECT_NE(text.find("Can't open audio out plugin!!!\n"), std::string::npos);
   EXPECT_EQ(text.find("Can't open video out plugin"), std::string::npos);
-  EXPECT_EQ(video_.init_width, 0);
-  (void)opened;
+  EXPECT_EQ(video_.opens, 0);
 }
 
 TEST_F(Player, UnknownVideoDriver) {
@@ -1109,7 +1108,6 @@ TEST_F(PlayerStops, SeekBeforePlay) {
   prompt([&] { EXPECT_EQ(travik_player_seek(player_, 2000), 0); });
   EXPECT_EQ(script()->seeks, 2);
   EXPECT_EQ(script()->last_seek, 2000000);
-  EXPECT_EQ(travik_player_getobject(player_, 1), nullptr);
   travik_player_play(player_);
   ASSERT_TRUE(wait_event(TRAVIK_EVENT_AUDIO_STARTED));
   prompt([&] { travik_player_close(player_); });
@@ -1121,8 +1119,8 @@ TEST_F(PlayerStops, SeekWhileBuffering) {
   ASSERT_TRUE(wait_for([&] { return player_->buffering != 0 && relaxed(player_->audio_ready.count) > 0; }));
   // The seek ends the buffering under way (100 %) and starts a new one.
   prompt([&] { EXPECT_EQ(travik_player_seek(player_, 1000), 0); });
-  EXPECT_GE(payloads(TRAVIK_EVENT_BUFFERING).size(), 1u);
-  EXPECT_EQ(payloads(TRAVIK_EVENT_BUFFERING).back(), 100);
+  std::vector<int32_t> steps = payloads(TRAVIK_EVENT_BUFFERING);
+  EXPECT_NE(std::find(steps.begin(), steps.end(), 100), steps.end());
   prompt([&] {
     travik_player_close(player_);
     travik_player_destroy(player_);

@@ -81,6 +81,7 @@ struct FakeAudio {
 struct FakeVideo {
   travik_video_driver table;
   std::atomic<int32_t> delay{0};         // getdelay, handed back unchanged
+  std::atomic<int32_t> opens{0};
   std::atomic<int32_t> draws{0};
   std::atomic<int32_t> flips{0};
   std::atomic<int32_t> allocs{0};
@@ -95,7 +96,10 @@ struct FakeVideo {
   }
   static FakeVideo *of(void *handle) { return static_cast<FakeVideo *>(handle); }
   static int32_t probe(void *, const travik_video_driver *) { return 1; }
-  static void *open(void *argument) { return argument; }
+  static void *open(void *argument) {
+    of(argument)->opens++;
+    return argument;
+  }
   static int32_t init(void *h, int32_t width, int32_t height, int32_t) {
     of(h)->init_width = width;
     of(h)->init_height = height;
