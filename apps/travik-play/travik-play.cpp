@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <math.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -515,6 +516,7 @@ class App {
   void message(const char *format, ...) __attribute__((format(printf, 2, 3)));
   void print_summary();
   int print_info();
+  void wait_for_audio_flush();
   int finish(int status);
 
   const Options &o_;
@@ -896,6 +898,22 @@ int App::print_info() {
   return kExitOk;
 }
 
+// The end event can come before the audio output has written the last,
+// partly filled buffer of the front end (it flushes on its next pass):
+// wait for that, a second at most, so that a file output gets every sample.
+void App::wait_for_audio_flush() {
+  auto *audio = static_cast<travik_audio *>(travik_player_getobject(player_, 3));
+  if (!audio) return;
+  const long long end = now_ms() + 1000;
+  for (;;) {
+    pthread_mutex_lock(&audio->lock);
+    const int32_t held = audio->fill;
+    pthread_mutex_unlock(&audio->lock);
+    if (held == 0 || now_ms() > end) return;
+    travik_sleep(5);
+  }
+}
+
 int App::finish(int status) {
   if (player_) {
     travik_player_close(player_);
@@ -952,6 +970,7 @@ int App::run() {
     wait_for_input(20);
   }
   drain_events();
+  if (ended_) wait_for_audio_flush();
   int status = kExitOk;
   if (interrupted)
     status = kExitInterrupted;
