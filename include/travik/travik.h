@@ -20,10 +20,12 @@
 #include <travik/list.h>
 #include <travik/metadata.h>
 #include <travik/pitch.h>
+#include <travik/player.h>
 #include <travik/plugin.h>
 #include <travik/queue.h>
 #include <travik/resample.h>
 #include <travik/scale.h>
+#include <travik/schedule.h>
 #include <travik/subtitle.h>
 #include <travik/system.h>
 #include <travik/thread.h>

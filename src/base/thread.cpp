@@ -121,6 +121,11 @@ int travik_thread_reset(travik_thread *thread) {
     thread->body(thread->arg, TRAVIK_THREAD_RESET);
     travik_sleep(10);
   } while (state_of(thread) != TRAVIK_THREAD_STATE_RESET && !ending(thread));
+  // The worker adopted the reset under its mutex after its last pass: taking
+  // the mutex once makes everything that pass wrote visible here, before
+  // the caller frees what the pass used.
+  pthread_mutex_lock(&thread->mutex);
+  pthread_mutex_unlock(&thread->mutex);
   return 0;
 }
 

@@ -26,11 +26,19 @@ struct AlsaDevice {
   std::atomic<bool> configured{false};
 };
 
+// libasound reports failures on standard error by itself; a probe that
+// fails on a machine without a sound card is an answer, not an error.
+void say_nothing(const char *, int, const char *, int, const char *, ...) {}
+
 int32_t alsa_probe(void *, const travik_audio_driver *) {
+  // Silenced for the probe only: the handler lives in this plugin, which
+  // may be unloaded while libasound stays loaded, so it is never left set.
+  snd_lib_error_set_handler(say_nothing);
   snd_pcm_t *pcm = nullptr;
-  if (snd_pcm_open(&pcm, "default", SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0) return 0;
-  snd_pcm_close(pcm);
-  return 50;
+  int result = snd_pcm_open(&pcm, "default", SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
+  if (result >= 0) snd_pcm_close(pcm);
+  snd_lib_error_set_handler(nullptr);
+  return result < 0 ? 0 : 50;
 }
 
 void *alsa_open(void *argument) {

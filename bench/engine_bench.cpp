@@ -1,0 +1,300 @@
+// The playback engine at work: a 10-second 1280x720 25 fps + 48 kHz stereo
+// input (raw video and 16-bit PCM, made by the avtest demuxer plugin) played
+// at real time through null-like outputs that measure (measuring_devices.h).
+// Prints one table:
+//   - CPU time of the whole process as a share of one core, during playback;
+//   - the same for demuxing and decoding alone (the input read and decoded
+//     as fast as possible without a player, scaled to real time), and the
+//     difference: what the engine adds;
+//   - peak resident memory;
+//   - the distance between each picture flipped and the audio position at
+//     that moment (p50, p99, max, ms);
+//   - the time from travik_player_play to the first flip;
+//   - the seek latency: from travik_player_seek to the next flip.
+// The figures come from one run on a machine that may be busy; run it a few
+// times.
+#include <dirent.h>
+#include <limits.h>
+#include <malloc.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <travik/travik.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "measuring_devices.h"
+
+namespace {
+
+using measuring::ClockedAudio;
+using measuring::MeasuringDevices;
+using measuring::RecordingVideo;
+using measuring::wall_us;
+
+const char kInput[] =
+    "AVTEST seconds=10000 rate=48000 channels=2 chunk=40 width=1280 height=720 fps=25 "
+    "preroll=300\n";
+constexpr int kSeconds = 10;
+
+double cpu_seconds() {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+long peak_rss_kib() {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+// Demuxes and decodes the whole input without a player, as fast as it goes:
+// the CPU seconds this takes are the work of the plugins alone.
+double decode_alone(const std::string &path) {
+  travik_io *io = travik_io_create(path.c_str());
+  travik_demuxer *demuxer = travik_demuxer_create(io, nullptr);
+  if (!demuxer || travik_demuxer_parseheader(demuxer) != 0) {
+    fprintf(stderr, "engine_bench: the avtest demuxer is not found\n");
+    exit(1);
+  }
+  travik_decoder *decoders[2] = {nullptr, nullptr};
+  const double start = cpu_seconds();
+  for (int32_t i = 0; i < demuxer->stream_count && i < 2; i++)
+    decoders[i] = travik_decoder_create(travik_demuxer_getstream(demuxer, i), nullptr);
+  for (;;) {
+    int32_t status = travik_demuxer_parse(demuxer, nullptr);
+    while (travik_packet *packet = travik_demuxer_pop(demuxer)) {
+      travik_decoder *decoder = packet->stream < 2 ? decoders[packet->stream] : nullptr;
+      if (decoder) {
+        travik_decoder_setsource(decoder, packet);
+        for (;;) {
+          void *frame = nullptr;
+          int32_t level = 0;
+          int32_t done = travik_decoder_decode(decoder, &level, &frame);
+          if (frame) {
+            if (*static_cast<int32_t *>(frame) == TRAVIK_FRAME_AUDIO)
+              static_cast<travik_audioframe *>(frame)->release(
+                  static_cast<travik_audioframe *>(frame));
+            else
+              static_cast<travik_videoframe *>(frame)->release(
+                  static_cast<travik_videoframe *>(frame));
+          }
+          if (done) break;
+        }
+      }
+      packet->release(packet);
+    }
+    if (status != 0) break;
+  }
+  const double used = cpu_seconds() - start;
+  for (travik_decoder *decoder : decoders)
+    if (decoder) travik_decoder_destroy(decoder);
+  travik_demuxer_destroy(demuxer);
+  travik_io_destroy(io);
+  return used;
+}
+
+// CPU milliseconds of each thread of the process, in thread-id order (the
+// player's workers are made in the order audio output, video output,
+// demux, audio decode, video decode).
+std::vector<std::pair<int, double>> thread_cpu_ms() {
+  std::vector<std::pair<int, double>> threads;
+  DIR *dir = opendir("/proc/self/task");
+  if (!dir) return threads;
+  const double tick_ms = 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
+  while (struct dirent *entry = readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    std::string path = std::string("/proc/self/task/") + entry->d_name + "/stat";
+    FILE *f = fopen(path.c_str(), "r");
+    if (!f) continue;
+    char line[1024];
+    if (fgets(line, sizeof line, f)) {
+      // Fields after the command name (which ends with the last ')'):
+      // state is field 3, utime 14 and stime 15.
+      const char *rest = strrchr(line, ')');
+      unsigned long utime = 0, stime = 0;
+      if (rest && sscanf(rest + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime,
+                         &stime) == 2)
+        threads.push_back({atoi(entry->d_name), static_cast<double>(utime + stime) * tick_ms});
+    }
+    fclose(f);
+  }
+  closedir(dir);
+  std::sort(threads.begin(), threads.end());
+  return threads;
+}
+
+// Reads events until `code` arrives or `ms` pass; true when it arrived.
+bool wait_event(travik_player *player, int fd, int code, int ms) {
+  const long long end = wall_us() + ms * 1000LL;
+  while (wall_us() < end) {
+    travik_player_event event;
+    while (travik_player_getevent(player, &event) == 0)
+      if (event.code == code) return true;
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    struct timeval wait = {0, 10000};
+    select(fd + 1, &set, nullptr, nullptr, &wait);
+  }
+  return false;
+}
+
+// Waits for a flip after index `count` that happened after `after_us`;
+// returns its wall time, or -1.
+long long next_flip(RecordingVideo *video, size_t count, long long after_us, int ms) {
+  const long long end = wall_us() + ms * 1000LL;
+  while (wall_us() < end) {
+    {
+      std::lock_guard<std::mutex> hold(video->lock);
+      for (size_t i = count; i < video->flips.size(); i++)
+        if (video->flips[i].wall_us >= after_us) return video->flips[i].wall_us;
+    }
+    usleep(500);
+  }
+  return -1;
+}
+
+double percentile(std::vector<double> values, double share) {
+  if (values.empty()) return -1;
+  std::sort(values.begin(), values.end());
+  size_t at = static_cast<size_t>(share * static_cast<double>(values.size() - 1) + 0.5);
+  return values[std::min(at, values.size() - 1)];
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  // The plugins built beside this program, and a private HOME for their
+  // caches.
+  char exe[PATH_MAX];
+  ssize_t length = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (length <= 0) return 1;
+  exe[length] = '\0';
+  std::string dir(exe);
+  dir.erase(dir.rfind('/'));
+  setenv("TRAVIK_PLUGINS_DIR", (dir + "/plugins").c_str(), 1);
+  char home[] = "/tmp/travik-engine-bench-XXXXXX";
+  if (!mkdtemp(home)) return 1;
+  setenv("HOME", home, 1);
+  const std::string path = std::string(home) + "/input.avt";
+  FILE *input = fopen(path.c_str(), "w");
+  if (!input) return 1;
+  fputs(kInput, input);
+  fclose(input);
+  const int seeks = argc > 1 ? atoi(argv[1]) : 5;
+  // Pictures and packets of 1.4 MB are above glibc's mmap threshold: every
+  // allocation would map fresh pages and fault them in. Kept on the heap,
+  // memory is reused in both measurements alike.
+  mallopt(M_MMAP_THRESHOLD, 64 << 20);
+  mallopt(M_TRIM_THRESHOLD, 256 << 20);
+
+  travik_init();
+  const double decode_cpu = decode_alone(path);
+
+  ClockedAudio audio;
+  RecordingVideo video;
+  MeasuringDevices::install(&audio, &video);
+  int fds[2];
+  if (pipe(fds) != 0) return 1;
+  travik_player_description description;
+  travik_player_description_init(&description);
+  description.audio_driver = "driver";
+  description.audio_args = MeasuringDevices::audio_table();
+  description.video_driver = "driver";
+  description.video_args = MeasuringDevices::video_table();
+  description.event_read_fd = fds[0];
+  description.event_write_fd = fds[1];
+  // Two seconds of input held at most (about 140 MB of pictures).
+  description.input_limit = 2 * (1280 * 720 * 3 / 2 * 25 + 48000 * 4);
+  travik_player *player = travik_player_create(&description);
+  if (!player || travik_player_open(player, path.c_str()) != 0) {
+    fprintf(stderr, "engine_bench: cannot play %s\n", path.c_str());
+    return 1;
+  }
+
+  // Playback from the start to the end, at real time.
+  const double cpu_start = cpu_seconds();
+  const long long play_at = wall_us();
+  travik_player_play(player);
+  const long long first_flip = next_flip(&video, 0, play_at, 10000);
+  const bool ended = wait_event(player, fds[0], TRAVIK_EVENT_END, (kSeconds + 20) * 1000);
+  const double wall = static_cast<double>(wall_us() - play_at) / 1e6;
+  const double play_cpu = cpu_seconds() - cpu_start;
+  const std::vector<std::pair<int, double>> threads = thread_cpu_ms();
+
+  std::vector<double> offsets;
+  {
+    std::lock_guard<std::mutex> hold(video.lock);
+    for (const measuring::Flip &f : video.flips)
+      if (f.audio_us > 0) offsets.push_back(static_cast<double>(f.video_us - f.audio_us) / 1000);
+  }
+  std::vector<double> distance;
+  for (double o : offsets) distance.push_back(o < 0 ? -o : o);
+
+  // Seeks: each to a new place while playing, timed to the next flip.
+  std::vector<double> seek_ms;
+  travik_player_close(player);
+  if (travik_player_open(player, path.c_str()) == 0) {
+    travik_player_play(player);
+    wait_event(player, fds[0], TRAVIK_EVENT_VIDEO_STARTED, 10000);
+    for (int i = 0; i < seeks; i++) {
+      usleep(300000);
+      size_t count;
+      {
+        std::lock_guard<std::mutex> hold(video.lock);
+        count = video.flips.size();
+      }
+      const long long at = wall_us();
+      if (travik_player_seek(player, 1000 + 1500 * (i % 5)) != 0) continue;
+      const long long flip = next_flip(&video, count, at, 5000);
+      if (flip >= 0) seek_ms.push_back(static_cast<double>(flip - at) / 1000);
+      travik_player_play(player);
+    }
+    travik_player_close(player);
+  }
+  travik_player_destroy(player);
+  MeasuringDevices::install(nullptr, nullptr);
+  close(fds[0]);
+  close(fds[1]);
+  travik_destroy();
+  unlink(path.c_str());
+  rmdir(home);
+
+  const double process_share = 100.0 * play_cpu / wall;
+  const double decode_share = 100.0 * decode_cpu / kSeconds;
+  printf("engine benchmark: 10 s of 1280x720 25 fps raw 4:2:0 + 48 kHz stereo 16-bit PCM\n");
+  printf("%-44s %10s\n", "measure", "value");
+  printf("%-44s %9.2f%%\n", "process CPU, share of one core", process_share);
+  printf("%-44s %9.2f%%\n", "demux + decode alone, share of one core", decode_share);
+  printf("%-44s %9.2f%%\n", "engine on top of decoding", process_share - decode_share);
+  printf("%-44s %7ld MiB\n", "peak RSS", peak_rss_kib() / 1024);
+  printf("%-44s %10zu\n", "pictures flipped with audio playing", offsets.size());
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p50", percentile(distance, 0.5));
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p99", percentile(distance, 0.99));
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| max", percentile(distance, 1.0));
+  printf("%-44s %8.2f ms\n", "A/V offset (signed) p50", percentile(offsets, 0.5));
+  printf("%-44s %8.2f ms\n", "play to first flip",
+         first_flip >= 0 ? static_cast<double>(first_flip - play_at) / 1000 : -1.0);
+  printf("%-44s %8.2f ms\n", "seek to next flip, p50", percentile(seek_ms, 0.5));
+  printf("%-44s %8.2f ms\n", "seek to next flip, max", percentile(seek_ms, 1.0));
+  printf("%-44s %8.2f s\n", "wall time of the playback", wall);
+  static const char *const kThreadNames[] = {"application (and decode alone)", "audio output",
+                                             "video output", "demux", "audio decode",
+                                             "video decode"};
+  if (threads.size() == 6) {
+    printf("CPU by thread over the whole run (ms):\n");
+    for (size_t i = 0; i < threads.size(); i++)
+      printf("  %-42s %9.0f\n", kThreadNames[i], threads[i].second);
+  }
+  if (!ended) printf("the end event did not come\n");
+  return ended ? 0 : 1;
+}

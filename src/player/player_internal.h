@@ -1,0 +1,205 @@
+// The player record shared by the five playback threads and transport
+// control, and the internal calls by which they hand work to each other:
+//
+//   demux thread  --audio_packets-->  audio decode  --audio_ready-->  audio output
+//                 --video_packets-->  video decode  --video_ready-->  video output
+//
+// Frames go back to their decode block's free_frames pool through their own
+// release functions; packets return their bytes to the input accounting.
+#pragma once
+
+#include <travik/audio.h>
+#include <travik/decoder.h>
+#include <travik/demuxer.h>
+#include <travik/io.h>
+#include <travik/list.h>
+#include <travik/pitch.h>
+#include <travik/player.h>
+#include <travik/schedule.h>
+#include <travik/thread.h>
+#include <travik/video.h>
+
+#include <pthread.h>
+
+#include <atomic>
+
+struct travik_subtitle;
+struct travik_font;
+
+// Flags written by one thread and read by others without a lock.
+using flag_t = std::atomic<int32_t>;
+
+// Source control states of a pausable input.
+enum {
+  SOURCE_NONE = 0,
+  SOURCE_PAUSE_REQUESTED = 1,
+  SOURCE_RESUME_REQUESTED = 2,
+  SOURCE_PAUSED = 3
+};
+
+struct player_decode_block {
+  travik_thread *thread;
+  std::atomic<travik_decoder *> decoder;
+  pthread_mutex_t mutex;       // held for a whole decode pass
+  flag_t create_pending;       // no decoder tried yet for this input
+  flag_t discard_pending;      // after a reset: drop frames until a usable one
+  flag_t create_only;          // the next pass only tries to create the decoder
+  int32_t frame_limit;
+  flag_t frame_count;          // frames ever allocated; written by the decoding thread
+  flag_t skip_changed;         // video: the decoder changed the last skip level
+  flag_t no_skip;              // video: levels above 0 wait for a low pool
+  travik_list free_frames;     // recycled frames
+};
+
+// An output worker's block. `interrupt` cuts a pass's waits short: the
+// thread's own state only changes between passes, so a pass polling for
+// frames would otherwise never notice a pause, reset or end posted for it.
+struct player_output_block {
+  travik_thread *thread;
+  travik_thread_body body;     // for the last sweep after a reset
+  pthread_mutex_t mutex;       // device set-up, `late` and `current`
+  flag_t interrupt;
+};
+
+// Frames of the decode pools: list items holding the frame record first.
+struct pooled_audioframe {
+  travik_audioframe frame;
+  int32_t capacity;  // bytes in the sample buffer, a heap block of its own
+  player_decode_block *owner;
+};
+
+struct pooled_videoframe {
+  travik_videoframe frame;  // its picture buffer comes from the video device
+  travik_player *owner;
+};
+
+struct travik_player {
+  // Input side.
+  travik_io *io;
+  travik_thread *demux_thread;
+  travik_demuxer *demuxer;
+  pthread_mutex_t input_mutex;
+  pthread_cond_t input_cond;
+  pthread_mutex_t demux_mutex;  // one demux pass at a time
+  flag_t header_pending;
+  flag_t restart_pending;
+  int32_t source_state;         // SOURCE_*, under state_mutex
+  flag_t input_held;            // bytes of packet payload allocated now
+  int32_t input_limit;          // 0 or less: no ceiling
+  flag_t prebuffered;
+  flag_t prebuffer_target;
+  flag_t prebuffer_normal;
+  flag_t repush_pending;
+  flag_t demux_wakeups;         // reset wake-ups so far; cuts the demux thread's waits short
+
+  player_decode_block audio_decode;
+  char *audio_decoder_name;
+  player_decode_block video_decode;
+  char *video_decoder_name;
+
+  player_output_block audio_out;
+  travik_audio *audio_device;
+  flag_t init_pending;          // audio device not yet set up for this input
+  travik_pitch_scaling *pitch;
+
+  player_output_block video_out;
+  travik_video *video_device;
+  flag_t first_frame;           // video device not yet set up for this input
+  flag_t restart;               // set by open and seek for the video device's use
+  flag_t late_average;          // ms
+  int32_t late;                 // drop the next frame; under video_out.mutex
+  travik_videoframe *current;   // frame last shown; under video_out.mutex
+
+  std::atomic<travik_stream *> audio_stream;
+  std::atomic<travik_stream *> video_stream;
+
+  travik_list video_packets;
+  travik_list audio_packets;
+  travik_list audio_ready;
+  travik_list video_ready;
+
+  std::atomic<travik_schedule *> schedule;  // non-null exactly while an input is open
+  flag_t subtitle_visible;
+  travik_subtitle *subtitle;
+  void *subtitle_item;
+  void *subtitle_image;
+  travik_font *font;
+
+  int32_t event_read_fd;
+  int32_t event_write_fd;
+
+  flag_t buffering;             // 0, or the percentage last announced
+  flag_t end_of_stream;
+  flag_t playing;
+  flag_t video_hold;
+  flag_t audio_mute;
+  flag_t video_off;
+  flag_t audio_off;
+  flag_t seek_exactly;
+
+  // Exact-seek targets (us, -1 unset). The demux thread and both output
+  // threads clear them, so they live under their own leaf lock.
+  pthread_mutex_t target_mutex;
+  int64_t audio_target;
+  int64_t video_target;
+
+  flag_t end_pending;
+  std::atomic<float> speed;
+  pthread_mutex_t state_mutex;  // source_state and the end-of-playback test
+};
+
+// Events (player.cpp).
+void player_post(travik_player *player, int32_t code);
+void player_post_error(travik_player *player, int32_t result);
+void player_post_buffering(travik_player *player, int32_t percent);
+// 1 when the input is finished; posts the end event once per input.
+// `check` and `arg` cut the wait for the clock short (travik_sleep_check).
+int player_end_test(travik_player *player, travik_sleep_check_fn check, void *arg);
+
+// Output thread control (player.cpp): these keep `interrupt` in step with
+// the requests posted.
+void output_play(player_output_block *block);
+void output_pause(player_output_block *block);
+void output_reset(travik_player *player, player_output_block *block);
+// The running check of the output threads' interruptible waits.
+int32_t output_running(void *block);
+
+// Demux thread (demux.cpp).
+int32_t demux_body(void *player, int32_t code);
+void demux_pass(travik_player *player);
+travik_demuxer_allocator *demux_allocator_create(travik_player *player);
+int push_decoder_packet(travik_player *player, travik_packet *packet);
+void buffering_start(travik_player *player);
+void buffering_progress(travik_player *player);
+void buffering_end(travik_player *player);
+void pipeline_flush(travik_player *player);
+void source_state_set(travik_player *player, int32_t state, int32_t expected);
+// The output side of an exact seek: true when a frame stamped `timestamp`
+// lies before `target` and must not be presented; the first frame at or
+// after it clears the target. Without seek_exactly nothing is filtered.
+bool before_target(travik_player *player, int64_t *target, int64_t timestamp);
+
+// Decode threads (decode.cpp).
+int32_t audio_decode_body(void *player, int32_t code);
+int32_t video_decode_body(void *player, int32_t code);
+// With `create_only` the pass only tries to make the decoder.
+void audio_decode_pass(travik_player *player, bool create_only);
+void video_decode_pass(travik_player *player, bool create_only);
+// Empties a pool, handing picture buffers back to the device.
+void audio_pool_clear(travik_player *player);
+void video_pool_clear(travik_player *player);
+
+// Output threads (audio_out.cpp, video_out.cpp).
+int32_t audio_out_body(void *player, int32_t code);
+int32_t video_out_body(void *player, int32_t code);
+// The subtitle overlay (overlay.cpp): a video filter blending the current
+// subtitle entry, rendered with the player's font, into each frame drawn.
+int32_t subtitle_overlay(void *player, travik_videoframe *frame);
+// For a file input without a subtitle: one found beside it is attached.
+void overlay_attach_beside(travik_player *player, const char *url);
+// Forgets the entry shown and its drawing, then seeks the subtitle source.
+void overlay_seek(travik_player *player, int32_t position);
+// Releases the entry shown and destroys the subtitle source (close).
+void overlay_close(travik_player *player);
+// Destroys the font (destroy).
+void overlay_destroy(travik_player *player);
