@@ -11,7 +11,7 @@
 // unchanged. `info` is 1 on key frames. The frame argument of
 // travik_decoder_decode() is a pointer to the skip level (int32_t): 0
 // decodes everything, 1 skips the loop filter on non-reference frames, 2
-// skips it everywhere and drops non-reference frames. Frame threads follow
+// also drops non-reference frames. Frame threads follow
 // the processor count.
 //
 // Audio comes out as interleaved signed 16-bit samples at the stream's
@@ -77,9 +77,10 @@ int32_t processors() {
 void apply_level(Dec *d, int32_t level) {
   if (level == d->level) return;
   d->level = level;
-  d->ctx->skip_loop_filter = level >= 2 ? AVDISCARD_ALL
-                             : level == 1 ? AVDISCARD_NONREF
-                                          : AVDISCARD_DEFAULT;
+  // Only pictures that nothing is predicted from are degraded or dropped:
+  // skipping the loop filter of a reference picture would carry its
+  // artefacts into every picture up to the next key frame.
+  d->ctx->skip_loop_filter = level >= 1 ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
   d->ctx->skip_frame = level >= 2 ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
 }
 
