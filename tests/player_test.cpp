@@ -649,6 +649,23 @@ TEST_F(Player, LateVideoFramesAreDropped) {
   EXPECT_GE(video_.flips, 5);
 }
 
+TEST_F(Player, WaitsAverageTheFrameSpacing) {
+  // Video alone, a picture every 40 ms: each wait is about 40 ms, and the
+  // running average of 40-ms waits stays at 40.
+  open(video_stream(8000) + video_packets(0, 100) + "hold\n", "bitrate 80000\npreroll 1000\n");
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_for([&] { return video_.flips >= 10; }));
+  int32_t average = player_->late_average;
+  EXPECT_GT(average, 10);
+  EXPECT_LE(average, 40);
+  travik_player_pause(player_);
+  // A pause starts the average again.
+  EXPECT_TRUE(wait_for([&] {
+    return travik_thread_getstate(player_->video_out.thread) == TRAVIK_THREAD_STATE_PAUSED &&
+           player_->late_average == 0;
+  }));
+}
+
 TEST_F(Player, VideoHoldTimesWithoutDrawing) {
   open(video_stream(100) + video_packets(0, 10));
   travik_player_setinfo(player_, 18, 1);
