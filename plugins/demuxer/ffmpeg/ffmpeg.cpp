@@ -96,6 +96,12 @@ bool is_open(const travik_io *io) { return io->backend && io->backend_data; }
 
 int32_t ff_probe(travik_io *input, int32_t) {
   if (!input->backend) return is_protocol_scheme(input->url.scheme) ? kMaxScore : 0;
+  // A file the handle could not open (too large for its 32-bit offsets)
+  // is still ours to try when it exists; a missing one is nobody's.
+  if (!is_open(input) && std::strcmp(input->backend->name, "file") == 0) {
+    struct stat st;
+    return ::stat(input->url.path, &st) == 0 && S_ISREG(st.st_mode) ? kBlindScore : 0;
+  }
   // A stream that cannot seek back would lose what the probe reads.
   if (!is_open(input) || !input->backend->seek) return kBlindScore;
   auto *buffer = static_cast<uint8_t *>(av_mallocz(kProbeBytes + AVPROBE_PADDING_SIZE));
