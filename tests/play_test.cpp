@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -805,6 +806,73 @@ TEST(Play, UnreadableSubtitleFileIsAnError) {
                         dir.file("in.y4m")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("travik-play: cannot read subtitles from"), std::string::npos) << r.err;
+}
+
+// Real media through the FFmpeg plugins, end to end. A clip with both
+// streams, made by the ffmpeg tool, plays into the wav and y4m outputs: the
+// sound is the tool's own decode sample for sample; every picture written
+// is one of the tool's pictures, in order, and nearly all of them arrive
+// (the frame after a late one is dropped by design, and while fewer than
+// two pictures wait at the start the decoder may drop unreferenced ones).
+bool have_ffmpeg_plugins() {
+  struct stat st;
+  return stat((kPlugins + "/demuxer/libdemuxer_ffmpeg.so").c_str(), &st) == 0 &&
+         stat((kPlugins + "/decoder/libdecoder_ffmpeg.so").c_str(), &st) == 0 &&
+         std::system("ffmpeg -version >/dev/null 2>&1") == 0;
+}
+
+std::vector<std::string> y4m_pictures(const std::string &y4m) {
+  std::vector<std::string> pictures;
+  size_t at = y4m.find("FRAME\n");
+  while (at != std::string::npos) {
+    size_t next = y4m.find("FRAME\n", at + 6);
+    pictures.push_back(y4m.substr(at + 6, (next == std::string::npos ? y4m.size() : next) - at - 6));
+    at = next;
+  }
+  return pictures;
+}
+
+TEST(Play, FFmpegClipPlaysIntoTheFileOutputs) {
+  if (!have_ffmpeg_plugins()) GTEST_SKIP() << "no ffmpeg tool or FFmpeg plugins";
+  TempDir dir;
+  const std::string clip = dir.file("clip.mp4");
+  const std::string tool = "ffmpeg -v error -nostdin -y ";
+  ASSERT_EQ(std::system((tool + "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 "
+                                "-f lavfi -i sine=frequency=440:sample_rate=48000:duration=2 "
+                                "-ac 2 -c:v libx264 -pix_fmt yuv420p -c:a aac -shortest "
+                                "-metadata title=Clip '" + clip + "'").c_str()),
+            0);
+  ASSERT_EQ(std::system((tool + "-i '" + clip + "' -f yuv4mpegpipe '" + dir.file("ref.y4m") +
+                         "' -f s16le '" + dir.file("ref.s16") + "'").c_str()),
+            0);
+
+  Result r = play(dir, {"-q", "-a", "wav:" + dir.file("out.wav"), "-v",
+                        "y4m:" + dir.file("out.y4m"), clip});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::string sound = read_file(dir.file("out.wav"));
+  const std::string expected_sound = read_file(dir.file("ref.s16"));
+  ASSERT_EQ(sound.size(), expected_sound.size() + 44);
+  EXPECT_TRUE(sound.compare(44, std::string::npos, expected_sound) == 0);
+
+  const std::vector<std::string> shown = y4m_pictures(read_file(dir.file("out.y4m")));
+  const std::vector<std::string> decoded = y4m_pictures(read_file(dir.file("ref.y4m")));
+  ASSERT_EQ(decoded.size(), 50u);
+  size_t next = 0;
+  for (const std::string &picture : shown) {
+    while (next < decoded.size() && decoded[next] != picture) next++;
+    ASSERT_LT(next, decoded.size()) << "a picture the tool does not decode, or out of order";
+    next++;
+  }
+  EXPECT_GE(shown.size(), decoded.size() * 8 / 10);
+  EXPECT_EQ(shown.back(), decoded.back());
+
+  Result info = play(dir, {"--info", clip});
+  ASSERT_EQ(info.status, 0) << info.err;
+  for (const char *item : {"\"duration_ms\": 2000", "\"video_width\": 160",
+                           "\"video_height\": 120", "\"video_frame_rate\": 2500",
+                           "\"audio_sample_rate\": 48000", "\"audio_channels\": 2",
+                           "\"title\": \"Clip\""})
+    EXPECT_NE(info.out.find(item), std::string::npos) << item << "\n" << info.out;
 }
 
 }  // namespace
