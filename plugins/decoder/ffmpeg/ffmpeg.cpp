@@ -12,7 +12,7 @@
 // travik_decoder_decode() is a pointer to the skip level (int32_t): 0
 // decodes everything, 1 skips the loop filter on non-reference frames, 2
 // also drops non-reference frames. Frame threads follow
-// the processor count.
+// the processor count (or TRAVIK_DECODER_THREADS).
 //
 // Audio comes out as interleaved signed 16-bit samples at the stream's
 // rate and channel count (libswresample converts planar and float
@@ -69,8 +69,13 @@ struct Dec {
   bool draining;
 };
 
+// Decoding threads: TRAVIK_DECODER_THREADS when it names a count (1 to 16,
+// for devices that need a core free, and for comparing players at equal
+// thread counts), otherwise one per processor.
 int32_t processors() {
-  long n = sysconf(_SC_NPROCESSORS_ONLN);
+  const char *wanted = std::getenv("TRAVIK_DECODER_THREADS");
+  long n = wanted && *wanted ? std::strtol(wanted, nullptr, 10) : 0;
+  if (n < 1) n = sysconf(_SC_NPROCESSORS_ONLN);
   return n < 1 ? 1 : n > 16 ? 16 : static_cast<int32_t>(n);
 }
 
