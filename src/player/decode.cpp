@@ -148,24 +148,6 @@ void decode_reset(player_decode_block *block, travik_list *packets) {
   block->discard_pending = 1;
 }
 
-// Takes the pass's packet, waiting once when there is none (as a locked
-// pop does). `in_flight` is raised before the packet leaves its list, so
-// the end-of-playback test never sees an empty list and an idle decoder
-// while that packet's frames are still on their way; the wait itself
-// happens with it lowered.
-travik_packet *take_packet(player_decode_block *block, travik_list *list) {
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    block->in_flight = 1;
-    pthread_mutex_lock(&list->mutex);
-    auto *packet = static_cast<travik_packet *>(travik_list_pop(list));
-    pthread_mutex_unlock(&list->mutex);
-    if (packet) return packet;
-    block->in_flight = 0;
-    if (attempt == 0 && !travik_list_wait_lock(list)) break;
-  }
-  return nullptr;
-}
-
 }  // namespace
 
 void audio_decode_pass(travik_player *player, bool create_only) {
@@ -173,7 +155,7 @@ void audio_decode_pass(travik_player *player, bool create_only) {
   pthread_mutex_lock(&block->mutex);
   travik_packet *packet = nullptr;
   if (!create_only) {
-    packet = take_packet(block, &player->audio_packets);
+    packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->audio_packets));
     if (!packet) {
       pthread_mutex_unlock(&block->mutex);
       return;
@@ -213,7 +195,6 @@ void audio_decode_pass(travik_player *player, bool create_only) {
       if (done) break;
     }
   }
-  block->in_flight = 0;
   pthread_mutex_unlock(&block->mutex);
   packet->release(packet);
 }
@@ -223,7 +204,7 @@ void video_decode_pass(travik_player *player, bool create_only) {
   pthread_mutex_lock(&block->mutex);
   travik_packet *packet = nullptr;
   if (!create_only) {
-    packet = take_packet(block, &player->video_packets);
+    packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->video_packets));
     if (!packet) {
       pthread_mutex_unlock(&block->mutex);
       return;
@@ -281,7 +262,6 @@ void video_decode_pass(travik_player *player, bool create_only) {
       }
     } while (r == 0);
   }
-  block->in_flight = 0;
   pthread_mutex_unlock(&block->mutex);
   packet->release(packet);
 }

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 
 #include <travik/system.h>
 
@@ -96,19 +95,6 @@ namespace {
 
 void push_or_release(travik_player *player, travik_packet *packet) {
   if (!push_decoder_packet(player, packet)) packet->release(packet);
-}
-
-// At the end of the input each chosen stream gets one packet without data
-// (data NULL, size 0): decoders that hold pictures back (reordering, frame
-// threads) hand them out for it, frame by frame, instead of losing them.
-void push_drain_packets(travik_player *player) {
-  for (travik_stream *stream : {player->audio_stream.load(), player->video_stream.load()}) {
-    if (!stream) continue;
-    travik_packet *packet = packet_alloc(player, 0);
-    packet->stream = stream->index;
-    packet->data = nullptr;
-    push_or_release(player, packet);
-  }
 }
 
 // Prebuffer size from the input's bit rate and preroll, in 32-bit
@@ -336,7 +322,6 @@ void demux_pass(travik_player *player) {
   if (r != 0) {
     player->end_of_stream = 1;
     if (!packet) {
-      push_drain_packets(player);
       if (r != TRAVIK_DEMUXER_END) player_post_error(player, r);
       player_end_test(player, demux_running, &waiter);
       pthread_mutex_unlock(&player->demux_mutex);
@@ -349,7 +334,6 @@ void demux_pass(travik_player *player) {
   do {
     push_or_release(player, packet);
   } while ((packet = travik_demuxer_pop(demuxer)) != nullptr);
-  if (r != 0) push_drain_packets(player);
   pthread_mutex_unlock(&player->demux_mutex);
 }
 

@@ -85,13 +85,9 @@ int32_t output_running(void *data) {
 
 int player_end_test(travik_player *player, travik_sleep_check_fn check, void *arg) {
   pthread_mutex_lock(&player->state_mutex);
-  // A decode pass that has taken the last packet off its list but not yet
-  // handed out its frames still counts as input left: otherwise the end
-  // could be declared while the last frames (and a drain's) are on their way.
   bool finished = player->end_of_stream == 1 && count_of(&player->audio_packets) == 0 &&
                   count_of(&player->video_packets) == 0 && count_of(&player->audio_ready) == 0 &&
-                  count_of(&player->video_ready) == 0 && player->audio_decode.in_flight == 0 &&
-                  player->video_decode.in_flight == 0;
+                  count_of(&player->video_ready) == 0;
   if (!finished) {
     pthread_mutex_unlock(&player->state_mutex);
     return 0;

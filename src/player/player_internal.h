@@ -48,7 +48,6 @@ struct player_decode_block {
   flag_t frame_count;          // frames ever allocated; written by the decoding thread
   flag_t skip_changed;         // video: the decoder changed the last skip level
   flag_t no_skip;              // video: levels above 0 wait for a low pool
-  flag_t in_flight;            // a pass holds a packet whose frames are not out yet
   travik_list free_frames;     // recycled frames
 };
 
