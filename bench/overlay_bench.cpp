@@ -83,6 +83,15 @@ void BM_RenderTwoLineEntry(benchmark::State &state) {
 }
 BENCHMARK(BM_RenderTwoLineEntry)->Unit(benchmark::kMicrosecond);
 
+// A grey 1920x1080 4:2:0 picture for the blits to draw onto.
+struct Frame1080p {
+  std::vector<uint8_t> y = std::vector<uint8_t>(kW * kH, 90);
+  std::vector<uint8_t> u = std::vector<uint8_t>(kW * kH / 4, 128);
+  std::vector<uint8_t> v = std::vector<uint8_t>(kW * kH / 4, 128);
+  uint8_t *planes[3] = {y.data(), u.data(), v.data()};
+  int32_t pitches[3] = {kW, kW / 2, kW / 2};
+};
+
 void BM_BlitEntryOnto1080pFrame(benchmark::State &state) {
   travik_font *f = font();
   if (!f) {
@@ -90,13 +99,12 @@ void BM_BlitEntryOnto1080pFrame(benchmark::State &state) {
     return;
   }
   travik_draw *image = render_entry(f);
-  std::vector<uint8_t> y(kW * kH, 90), u(kW * kH / 4, 128), v(kW * kH / 4, 128);
-  uint8_t *planes[3] = {y.data(), u.data(), v.data()};
-  int32_t pitches[3] = {kW, kW / 2, kW / 2};
+  Frame1080p frame;
   const double start = cpu_us();
   for (auto _ : state) {
     // As the overlay does on every frame: a drawing over the frame, one blit.
-    travik_draw *target = travik_draw_create(kW, kH, planes, pitches, TRAVIK_PIXEL_YUV420P);
+    travik_draw *target =
+        travik_draw_create(kW, kH, frame.planes, frame.pitches, TRAVIK_PIXEL_YUV420P);
     travik_draw_blit(target, (kW - image->width) / 2, kH - image->height, image->width,
                      image->height, image, 0, 0);
     travik_draw_destroy(target);
@@ -115,10 +123,9 @@ void BM_BlitOnly(benchmark::State &state) {
     return;
   }
   travik_draw *image = render_entry(f);
-  std::vector<uint8_t> y(kW * kH, 90), u(kW * kH / 4, 128), v(kW * kH / 4, 128);
-  uint8_t *planes[3] = {y.data(), u.data(), v.data()};
-  int32_t pitches[3] = {kW, kW / 2, kW / 2};
-  travik_draw *target = travik_draw_create(kW, kH, planes, pitches, TRAVIK_PIXEL_YUV420P);
+  Frame1080p frame;
+  travik_draw *target =
+      travik_draw_create(kW, kH, frame.planes, frame.pitches, TRAVIK_PIXEL_YUV420P);
   const double start = cpu_us();
   for (auto _ : state) {
     travik_draw_blit(target, (kW - image->width) / 2, kH - image->height, image->width,
