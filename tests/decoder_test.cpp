@@ -218,6 +218,47 @@ TEST_F(Decoder, ConsumedPacketWithoutFrame) {
   EXPECT_EQ(script.sizes, (std::vector<int32_t>{100, 40, 0}));
 }
 
+// A packet without data asks the driver for what it holds back: one frame
+// per call, then nothing once the driver answers with a negative value.
+TEST_F(Decoder, PacketWithoutDataDrainsOneFramePerCall) {
+  create();
+  script.steps = {{0, 2, 40000}, {0, 2, 80000}};  // then -1
+  travik_packet drain;
+  travik_packet_init(&drain);
+  drain.data = nullptr;
+  drain.size = 0;
+  travik_decoder_setsource(decoder_, &drain);
+  std::vector<int64_t> times;
+  for (;;) {
+    void *frame = nullptr;
+    int32_t r = travik_decoder_decode(decoder_, nullptr, &frame);
+    if (!frame) {
+      EXPECT_EQ(r, 1);
+      break;
+    }
+    EXPECT_EQ(r, 0);
+    auto *video = static_cast<travik_videoframe *>(frame);
+    times.push_back(video->timestamp);
+    video->release(video);
+  }
+  EXPECT_EQ(times, (std::vector<int64_t>{40000, 80000}));
+  EXPECT_EQ(script.sizes, (std::vector<int32_t>{0, 0, 0}));
+  EXPECT_EQ(travik_decoder_empty(decoder_), 1);
+}
+
+// A driver that answers the call with nothing remaining by 0 and no frame
+// ends the packet instead of being asked again forever.
+TEST_F(Decoder, EmptyAnswerToTheFlushCallEndsThePacket) {
+  create();
+  script.steps = {{100, 0, -1}, {0, 0, -1}, {0, 2, 1}};
+  travik_decoder_setsource(decoder_, &packet_);
+  void *frame = nullptr;
+  EXPECT_EQ(travik_decoder_decode(decoder_, nullptr, &frame), 0);
+  EXPECT_EQ(frame, nullptr);
+  EXPECT_EQ(decoder_->remaining, -1);
+  EXPECT_EQ(script.sizes, (std::vector<int32_t>{100, 0}));
+}
+
 TEST_F(Decoder, NothingConsumedGivesOne) {
   create();
   travik_decoder_setsource(decoder_, &packet_);

@@ -134,15 +134,19 @@ int32_t travik_decoder_decode(travik_decoder *decoder, void *argument, void **fr
   pthread_mutex_lock(&decoder->lock);
   int32_t result = 1;
   // The call with nothing remaining is made on purpose: it lets a driver
-  // flush what it holds. It must then answer with a frame or a negative
-  // value.
+  // flush what it holds (a packet without data asks for everything held
+  // back at the end of the input). It must then answer with a frame or a
+  // negative value; a driver answering 0 without a frame would be asked
+  // again forever, so that answer also ends the packet.
   while (decoder->remaining >= 0 && !*frame) {
+    const bool flushing = decoder->remaining == 0;
     int32_t used =
         decoder->driver->decode(decoder->state, decoder->data, decoder->remaining, argument, frame);
     if (used >= 0) {
       decoder->data += used;
       decoder->remaining -= used;
       result = 0;
+      if (flushing && !*frame) decoder->remaining = -1;
     } else {
       decoder->remaining = -1;
     }
