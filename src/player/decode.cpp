@@ -3,6 +3,7 @@
 // pool blocks decoding until an output releases a frame.
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 
 #include "base/relaxed.h"
 #include "player/player_internal.h"
@@ -137,11 +138,53 @@ Frame *discard_filter(player_decode_block *block, Frame *frame, bool acceptable)
   return frame;
 }
 
+// Takes the next packet to decode, waiting at most once for one; after
+// the last packet of the input, the block's drain packet. The pass is
+// `busy` from here until it has queued what the packet gave.
+travik_packet *take_packet(player_decode_block *block, travik_list *packets) {
+  pthread_mutex_lock(&packets->mutex);
+  if (packets->count == 0 && block->drain_pending == 0) {
+    pthread_cond_wait(&packets->cond, &packets->mutex);
+  }
+  auto *packet = static_cast<travik_packet *>(travik_list_pop(packets));
+  if (!packet && block->drain_pending) {
+    block->drain_pending = 0;
+    packet = &block->drain;
+  }
+  if (packet) block->busy = 1;
+  pthread_mutex_unlock(&packets->mutex);
+  return packet;
+}
+
+// The pass is done with its packet. After the end of the input this may be
+// the last work there was: the output threads waiting for frames are told,
+// under their lists' mutexes, so that none of them misses it.
+void pass_done(travik_player *player, player_decode_block *block) {
+  block->busy = 0;
+  if (player->end_of_stream != 1) return;
+  for (travik_list *ready : {&player->audio_ready, &player->video_ready}) {
+    pthread_mutex_lock(&ready->mutex);
+    pthread_cond_signal(&ready->cond);
+    pthread_mutex_unlock(&ready->mutex);
+  }
+}
+
+// The drain packet belongs to its block and is never freed.
+void keep_drain_packet(travik_packet *) {}
+
+// Frames drained after the last packet carry that packet's tag.
+void note_packet(player_decode_block *block, const travik_packet *packet) {
+  if (packet != &block->drain) block->drain.extra = packet_tag(packet);
+}
+
 void decode_reset(player_decode_block *block, travik_list *packets) {
   pthread_mutex_lock(&packets->mutex);
   while (auto *packet = static_cast<travik_packet *>(travik_list_pop(packets))) {
     packet->release(packet);
   }
+  // A drain not yet begun is dropped; one under way ends with the decoder's
+  // reset below, which forgets what the decoder held.
+  block->drain_pending = 0;
   pthread_cond_signal(&packets->cond);
   pthread_mutex_unlock(&packets->mutex);
   travik_list_cancel_lock(&block->free_frames);
@@ -155,7 +198,7 @@ void audio_decode_pass(travik_player *player, bool create_only) {
   pthread_mutex_lock(&block->mutex);
   travik_packet *packet = nullptr;
   if (!create_only) {
-    packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->audio_packets));
+    packet = take_packet(block, &player->audio_packets);
     if (!packet) {
       pthread_mutex_unlock(&block->mutex);
       return;
@@ -171,6 +214,7 @@ void audio_decode_pass(travik_player *player, bool create_only) {
     pthread_mutex_unlock(&block->mutex);
     return;
   }
+  note_packet(block, packet);
   if (block->decoder && player->audio_off == 0) {
     travik_decoder_setsource(block->decoder, packet);
     int32_t level = 0;
@@ -197,6 +241,7 @@ void audio_decode_pass(travik_player *player, bool create_only) {
   }
   pthread_mutex_unlock(&block->mutex);
   packet->release(packet);
+  pass_done(player, block);
 }
 
 void video_decode_pass(travik_player *player, bool create_only) {
@@ -204,7 +249,7 @@ void video_decode_pass(travik_player *player, bool create_only) {
   pthread_mutex_lock(&block->mutex);
   travik_packet *packet = nullptr;
   if (!create_only) {
-    packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->video_packets));
+    packet = take_packet(block, &player->video_packets);
     if (!packet) {
       pthread_mutex_unlock(&block->mutex);
       return;
@@ -220,6 +265,7 @@ void video_decode_pass(travik_player *player, bool create_only) {
     pthread_mutex_unlock(&block->mutex);
     return;
   }
+  note_packet(block, packet);
   if (block->decoder && player->video_off == 0) {
     travik_decoder_setsource(block->decoder, packet);
     int32_t r;
@@ -264,6 +310,14 @@ void video_decode_pass(travik_player *player, bool create_only) {
   }
   pthread_mutex_unlock(&block->mutex);
   packet->release(packet);
+  pass_done(player, block);
+}
+
+void drain_packet_init(player_decode_block *block) {
+  travik_packet_init(&block->drain);
+  block->drain.data = nullptr;
+  block->drain.size = 0;
+  block->drain.release = keep_drain_packet;
 }
 
 void audio_pool_clear(travik_player *player) {

@@ -5,6 +5,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
+#include <utility>
 
 #include <travik/system.h>
 
@@ -21,6 +23,8 @@ struct player_packet {
 };
 
 const int32_t kSpareBytes = 8;
+// ms between two looks at the decode threads after the end of the input.
+const int32_t kEndWatchStep = 10;
 
 int32_t accounted_size(travik_packet *packet) {
   return reinterpret_cast<player_packet *>(packet)->accounted;
@@ -229,12 +233,13 @@ void pipeline_flush(travik_player *player) {
 }
 
 void demux_pass(travik_player *player) {
-  demux_waiter waiter = {player, player->demux_wakeups};
   pthread_mutex_lock(&player->demux_mutex);
   travik_demuxer *demuxer = player->demuxer;
   if (player->end_of_stream == 1) {
     buffering_progress(player);
-    travik_thread_pause(player->demux_thread);
+    // The watch belongs to the demux thread (end_watch_pass): a pass run
+    // by a seek leaves it, and the thread, alone.
+    if (player->end_watch == 0) travik_thread_pause(player->demux_thread);
     pthread_mutex_unlock(&player->demux_mutex);
     return;
   }
@@ -319,30 +324,74 @@ void demux_pass(travik_player *player) {
   }
   if (!have_result) r = travik_demuxer_parse(demuxer, nullptr);
   travik_packet *packet = travik_demuxer_pop(demuxer);
-  if (r != 0) {
-    player->end_of_stream = 1;
-    if (!packet) {
-      if (r != TRAVIK_DEMUXER_END) player_post_error(player, r);
-      player_end_test(player, demux_running, &waiter);
-      pthread_mutex_unlock(&player->demux_mutex);
-      return;
-    }
-  } else if (!packet) {
+  if (r != 0 && !packet && r != TRAVIK_DEMUXER_END) player_post_error(player, r);
+  if (r == 0 && !packet) {
     pthread_mutex_unlock(&player->demux_mutex);
     return;
   }
-  do {
-    push_or_release(player, packet);
-  } while ((packet = travik_demuxer_pop(demuxer)) != nullptr);
+  for (; packet; packet = travik_demuxer_pop(demuxer)) push_or_release(player, packet);
+  // The end is marked after the last packets are queued, so that no decode
+  // thread drains its decoder before them. The end test waits until the
+  // decoders are done (end_watch_pass).
+  if (r != 0) input_ended(player);
   pthread_mutex_unlock(&player->demux_mutex);
 }
+
+void input_ended(travik_player *player) {
+  for (auto [block, packets] : {std::pair{&player->audio_decode, &player->audio_packets},
+                                std::pair{&player->video_decode, &player->video_packets}}) {
+    pthread_mutex_lock(&packets->mutex);
+    block->drain_pending = 1;
+    pthread_cond_signal(&packets->cond);
+    pthread_mutex_unlock(&packets->mutex);
+  }
+  player->end_of_stream = 1;
+  player->end_watch = 1;
+  // An output thread that found the input unfinished just now waits for
+  // frames; it looks again, and waits for the decode threads' own word.
+  for (travik_list *ready : {&player->audio_ready, &player->video_ready}) {
+    pthread_mutex_lock(&ready->mutex);
+    pthread_cond_signal(&ready->cond);
+    pthread_mutex_unlock(&ready->mutex);
+  }
+}
+
+namespace {
+
+// After the end of the input the demux thread watches the decode threads
+// drain their decoders, then runs the end-of-playback test once: when
+// nothing reached the output threads, or they are not running, END still
+// comes from here. The watch polls: the decode threads have no way to wake
+// a paused demux thread without racing a seek's reset of it. Returns false
+// when there is no watch and the pass is an ordinary one.
+bool end_watch_pass(travik_player *player) {
+  if (player->end_watch == 0) return false;
+  demux_waiter waiter = {player, player->demux_wakeups};
+  pthread_mutex_lock(&player->demux_mutex);
+  bool watching = player->end_watch == 1 && player->end_of_stream == 1;
+  if (watching) {
+    buffering_progress(player);
+    if (player_input_finished(player)) {
+      player->end_watch = 0;
+      player_end_test(player, demux_running, &waiter);
+      travik_thread_pause(player->demux_thread);
+    } else {
+      travik_sleep_check(kEndWatchStep, demux_running, &waiter);
+    }
+  }
+  pthread_mutex_unlock(&player->demux_mutex);
+  return watching;
+}
+
+}  // namespace
 
 int32_t demux_body(void *data, int32_t code) {
   auto *player = static_cast<travik_player *>(data);
   if (code == TRAVIK_THREAD_RUN) {
-    demux_pass(player);
+    if (!end_watch_pass(player)) demux_pass(player);
   } else if (code == TRAVIK_THREAD_RESET) {
     player->demux_wakeups += 1;
+    player->end_watch = 0;
     if (player->demuxer) travik_demuxer_clear_packets(player->demuxer);
     player->repush_pending = 0;
     pthread_mutex_lock(&player->input_mutex);

@@ -27,8 +27,19 @@ void write_event(travik_player *player, uint16_t code, const void *payload, uint
 
 int32_t count_of(travik_list *list) { return relaxed_load(list->count); }
 
+// A decode thread is done when it has no packet queued, none in hand and
+// no drain to make. Read under the packet list's mutex, where the pass
+// takes its packet and becomes busy in one step.
+bool decode_done(player_decode_block *block, travik_list *packets) {
+  pthread_mutex_lock(&packets->mutex);
+  bool done = packets->count == 0 && block->busy == 0 && block->drain_pending == 0;
+  pthread_mutex_unlock(&packets->mutex);
+  return done;
+}
+
 void decode_block_init(player_decode_block *block, travik_thread_body body, travik_player *player,
                        int32_t frames, int32_t default_frames) {
+  drain_packet_init(block);
   block->thread = travik_thread_create(body, player);
   pthread_mutex_init(&block->mutex, nullptr);
   travik_list_init(&block->free_frames);
@@ -81,12 +92,33 @@ int32_t output_running(void *data) {
          block->interrupt == 0;
 }
 
+// The wait and its condition share the list's mutex, and the decode passes
+// and the end of the input signal the list under it once they are done, so
+// the last of them cannot slip in between the test and the wait.
+void *output_pop(travik_player *player, travik_list *ready, bool may_end) {
+  pthread_mutex_lock(&ready->mutex);
+  if (ready->count == 0 && !(may_end && player_input_finished(player))) {
+    pthread_cond_wait(&ready->cond, &ready->mutex);
+  }
+  void *item = travik_list_pop(ready);
+  pthread_mutex_unlock(&ready->mutex);
+  return item;
+}
+
 // ---- end of playback ------------------------------------------------------------
 
+int player_input_finished(travik_player *player) {
+  return player->end_of_stream == 1 &&
+         decode_done(&player->audio_decode, &player->audio_packets) &&
+         decode_done(&player->video_decode, &player->video_packets);
+}
+
+// Besides the four lists, the decode threads must be done: a packet in
+// hand, or a drain under way, may still yield frames. Their state is read
+// before the ready lists, as a pass queues its frames before it is done.
 int player_end_test(travik_player *player, travik_sleep_check_fn check, void *arg) {
   pthread_mutex_lock(&player->state_mutex);
-  bool finished = player->end_of_stream == 1 && count_of(&player->audio_packets) == 0 &&
-                  count_of(&player->video_packets) == 0 && count_of(&player->audio_ready) == 0 &&
+  bool finished = player_input_finished(player) && count_of(&player->audio_ready) == 0 &&
                   count_of(&player->video_ready) == 0;
   if (!finished) {
     pthread_mutex_unlock(&player->state_mutex);

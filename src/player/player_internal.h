@@ -49,6 +49,14 @@ struct player_decode_block {
   flag_t skip_changed;         // video: the decoder changed the last skip level
   flag_t no_skip;              // video: levels above 0 wait for a low pool
   travik_list free_frames;     // recycled frames
+  // The end of the input: `drain_pending` asks the thread to hand the
+  // decoder `drain`, a packet without data, after its last packet, so that
+  // the frames it holds back come out. Both are set and taken under the
+  // packet list's mutex, together with `busy`, which is 1 while a pass
+  // works on a packet: the end-of-playback test reads all three at once.
+  flag_t drain_pending;
+  flag_t busy;
+  travik_packet drain;
 };
 
 // An output worker's block. `interrupt` cuts a pass's waits short: the
@@ -91,6 +99,7 @@ struct travik_player {
   flag_t prebuffer_normal;
   flag_t repush_pending;
   flag_t demux_wakeups;         // reset wake-ups so far; cuts the demux thread's waits short
+  flag_t end_watch;             // the demux thread runs the end test once the decoders are done
 
   player_decode_block audio_decode;
   char *audio_decoder_name;
@@ -155,6 +164,10 @@ void player_post_buffering(travik_player *player, int32_t percent);
 // 1 when the input is finished; posts the end event once per input.
 // `check` and `arg` cut the wait for the clock short (travik_sleep_check).
 int player_end_test(travik_player *player, travik_sleep_check_fn check, void *arg);
+// 1 once the input has ended and both decode threads are done with it:
+// no packet queued or being decoded, no drain pending. Nothing more can
+// reach the ready lists then.
+int player_input_finished(travik_player *player);
 
 // Output thread control (player.cpp): these keep `interrupt` in step with
 // the requests posted.
@@ -163,6 +176,10 @@ void output_pause(player_output_block *block);
 void output_reset(travik_player *player, player_output_block *block);
 // The running check of the output threads' interruptible waits.
 int32_t output_running(void *block);
+// Pops a frame from a ready list, waiting at most once for one. With
+// `may_end` the wait is skipped, or cut short, once the input is finished,
+// so that the caller's next pass runs the end-of-playback test.
+void *output_pop(travik_player *player, travik_list *ready, bool may_end);
 
 // Demux thread (demux.cpp).
 int32_t demux_body(void *player, int32_t code);
@@ -174,6 +191,9 @@ void buffering_progress(travik_player *player);
 void buffering_end(travik_player *player);
 void pipeline_flush(travik_player *player);
 void source_state_set(travik_player *player, int32_t state, int32_t expected);
+// Marks the end of the input: asks both decode threads to drain their
+// decoders, then sets end_of_stream.
+void input_ended(travik_player *player);
 // The output side of an exact seek: true when a frame stamped `timestamp`
 // lies before `target` and must not be presented; the first frame at or
 // after it clears the target. Without seek_exactly nothing is filtered.
@@ -185,6 +205,8 @@ int32_t video_decode_body(void *player, int32_t code);
 // With `create_only` the pass only tries to make the decoder.
 void audio_decode_pass(travik_player *player, bool create_only);
 void video_decode_pass(travik_player *player, bool create_only);
+// Makes the block's drain packet: no data, no time, no flags.
+void drain_packet_init(player_decode_block *block);
 // Empties a pool, handing picture buffers back to the device.
 void audio_pool_clear(travik_player *player);
 void video_pool_clear(travik_player *player);

@@ -49,7 +49,10 @@ void video_out_pass(travik_player *player) {
     travik_thread_pause(block->thread);
     return;
   }
-  auto *frame = static_cast<travik_videoframe *>(travik_list_pop_lock(&player->video_ready));
+  // Once the device is set up, a finished input ends the wait for a frame:
+  // the next pass runs the end test.
+  auto *frame = static_cast<travik_videoframe *>(
+      output_pop(player, &player->video_ready, player->first_frame != 1));
   if (!frame) return;
   if (!player->video_device) {
     frame->release(frame);

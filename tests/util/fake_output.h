@@ -89,6 +89,8 @@ struct FakeVideo {
   std::atomic<int32_t> init_width{0};
   std::atomic<int32_t> init_height{0};
   std::atomic<int64_t> last_drawn{-1};   // first luma byte of the last picture drawn
+  std::mutex drawn_mutex;
+  std::vector<int32_t> drawn;            // first luma byte of every picture drawn, in order
 
   FakeVideo() {
     table = {"fake", nullptr, probe, open, init, close, allocbuffer,
@@ -128,6 +130,8 @@ struct FakeVideo {
                       int32_t[3]) {
     of(h)->draws++;
     of(h)->last_drawn = planes[0] ? planes[0][0] : -1;
+    std::lock_guard<std::mutex> lock(of(h)->drawn_mutex);
+    of(h)->drawn.push_back(planes[0] ? planes[0][0] : -1);
     return 0;
   }
   static int32_t flip(void *h) {
