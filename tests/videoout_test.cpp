@@ -249,20 +249,6 @@ TEST(VideoOut, Y4mWritesEveryDrawnPicture) {
   EXPECT_TRUE(read_file(path) == expect);
 }
 
-TEST(VideoOut, Y4mReportsTheDelayItIsGiven) {
-  TempDir dir;
-  const std::string plain = dir.file("plain.y4m");
-  travik_video *v = travik_video_create("y4m", const_cast<char *>(plain.c_str()));
-  ASSERT_NE(v, nullptr);
-  EXPECT_EQ(travik_video_getdelay(v), 0);
-  travik_video_destroy(v);
-  const std::string argument = "path=" + dir.file("late.y4m") + ",delay=1500";
-  v = travik_video_create("y4m", const_cast<char *>(argument.c_str()));
-  ASSERT_NE(v, nullptr);
-  EXPECT_EQ(travik_video_getdelay(v), 1500);
-  travik_video_destroy(v);
-}
-
 TEST(VideoOut, Y4mSkipsPicturesOfAnotherSize) {
   TempDir dir;
   const std::string path = dir.file("out.y4m");

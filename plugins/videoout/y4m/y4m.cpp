@@ -1,10 +1,6 @@
 // The "y4m" video output: writes every drawn 4:2:0 picture to a YUV4MPEG2
 // file, so that decoded output can be compared byte for byte with another
-// decoder's. Argument: "path=<file>[,fps=<num>:<den>][,delay=<ms>]" (or
-// just the path). `delay` is the display delay reported to the player (0
-// by default): the player drops the picture after one that comes later
-// than the delay, so a large value keeps every picture in the file even
-// on a busy machine, for comparisons picture by picture.
+// decoder's. Argument: "path=<file>[,fps=<num>:<den>]" (or just the path).
 // The stream header takes the size of the first picture drawn; pictures of
 // another size are not written (they could not be read back).
 #include <travik/system.h>
@@ -24,7 +20,6 @@ struct Y4m {
   int32_t height = 0;
   int32_t draws = 0;   // pictures written
   int32_t flips = 0;
-  int32_t delay = 0;   // ms
   bool warned = false;
 };
 
@@ -42,7 +37,6 @@ void *open(void *argument) {
   if (!file) return nullptr;
   auto *y = new Y4m;
   y->file = file;
-  y->delay = videoout::option_int(argument, "delay", 0);
   std::string rate;
   if (videoout::option(argument, "fps", &rate) && !rate.empty()) {
     if (rate.find(':') == std::string::npos) rate += ":1";
@@ -100,7 +94,7 @@ int32_t flip(void *handle) {
   return 0;
 }
 
-int32_t getdelay(void *handle) { return static_cast<Y4m *>(handle)->delay; }
+int32_t getdelay(void *) { return 0; }
 
 travik_video_driver drivers[] = {
     {"y4m", nullptr, probe, open, init, close,
