@@ -21,8 +21,10 @@ extern "C" {
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -84,6 +86,20 @@ const std::string &scratch_dir() {
   return dir->path();
 }
 
+// Cached files are written under a name of their own and then renamed, as
+// test programs run side by side may make the same file at once.
+std::string private_name(const std::string &path) {
+  const size_t slash = path.rfind('/');
+  return path.substr(0, slash + 1) + ".tmp" + std::to_string(getpid()) + "-" +
+         path.substr(slash + 1);
+}
+
+void write_cached(const std::string &path, const std::string &content) {
+  const std::string temporary = private_name(path);
+  travik_test::write_file(temporary, content);
+  std::rename(temporary.c_str(), path.c_str());
+}
+
 std::string cached(const std::string &path, const std::string &command) {
   const std::string key = path + ".command";
   struct stat st;
@@ -91,8 +107,8 @@ std::string cached(const std::string &path, const std::string &command) {
       travik_test::read_file(key) == command)
     return travik_test::read_file(path);
   std::string out = capture(command);
-  travik_test::write_file(path, out);
-  travik_test::write_file(key, command);
+  write_cached(path, out);
+  write_cached(key, command);
   return out;
 }
 
@@ -107,8 +123,13 @@ std::string make_clip(const std::string &name, const std::string &arguments) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0 || stat(key.c_str(), &st) != 0 ||
       travik_test::read_file(key) != command) {
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    travik_test::write_file(key, command);
+    // The tool writes a name of this program's own (with the extension,
+    // which chooses the container), renamed once complete.
+    const std::string temporary = private_name(path);
+    const std::string run = "ffmpeg -v error -nostdin -y " + arguments + " '" + temporary + "'";
+    EXPECT_EQ(std::system(run.c_str()), 0) << run;
+    std::rename(temporary.c_str(), path.c_str());
+    write_cached(key, command);
   }
   return path;
 }
@@ -429,6 +450,190 @@ TEST(FFmpegClips, ChosenDescribedAndDecodedLikeTheTool) {
     check_clip(c);
   }
 }
+
+// ---------------------------------------------------------------- travik-play
+
+#ifdef TRAVIK_PLAY_EXE
+// Every clip also plays end to end through travik-play, in real time, into
+// the wav and y4m outputs, and what they wrote is the tool's own decode:
+// every sample, and the pictures bit for bit. TRAVIK_DECODER_SKIP=0 keeps
+// the decoder from skipping work when the player asks it to catch up.
+// Without sound every picture arrives, the last ones drained from the
+// decoder at the end of the input. With sound the clock is the audio's, and
+// the picture after a late one is dropped by design: the first picture
+// usually is late, as the video output waits 100 ms when it finds the clock
+// not yet started, so a few pictures may be missing, but only those.
+struct PlayRun {
+  const ClipCase *clip;
+  std::string path;   // the clip
+  std::string home;   // HOME of the run: a plugin cache of its own
+  pid_t pid = -1;
+  int status = -1;
+};
+
+// The environment of a run: ours with HOME replaced, the plugin directory
+// left for travik-play to find in the build tree, and skipping off.
+std::vector<std::string> run_environment(const std::string &home) {
+  std::vector<std::string> env;
+  for (char **e = environ; *e; e++) {
+    const std::string item = *e;
+    if (item.rfind("HOME=", 0) == 0 || item.rfind("TRAVIK_PLUGINS_DIR=", 0) == 0 ||
+        item.rfind("TRAVIK_DECODER_SKIP=", 0) == 0)
+      continue;
+    env.push_back(item);
+  }
+  env.push_back("HOME=" + home);
+  env.push_back("TRAVIK_DECODER_SKIP=0");
+  return env;
+}
+
+void start_run(PlayRun &run) {
+  mkdir(run.home.c_str(), 0755);
+  std::vector<std::string> args = {TRAVIK_PLAY_EXE, "-q", "-a", "wav:" + run.home + "/out.wav",
+                                   "-v", "y4m:" + run.home + "/out.y4m",
+                                   run.path};
+  std::vector<std::string> env = run_environment(run.home);
+  std::vector<char *> argv, envp;
+  for (std::string &a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  for (std::string &e : env) envp.push_back(&e[0]);
+  envp.push_back(nullptr);
+  const std::string err = run.home + "/stderr.txt";
+  // Only async-signal-safe calls between fork and exec.
+  run.pid = fork();
+  if (run.pid == 0) {
+    int out = open("/dev/null", O_WRONLY);
+    int fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(out, 1);
+    dup2(fd, 2);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+}
+
+// The pictures of a y4m file written by the y4m output, hashed like the
+// tool's framemd5 (each picture's planes, tightly packed).
+std::vector<std::string> y4m_hashes(const std::string &y4m) {
+  std::vector<std::string> out;
+  const size_t header_end = y4m.find('\n');
+  if (header_end == std::string::npos) return out;
+  const std::string header = y4m.substr(0, header_end);
+  int width = 0, height = 0;
+  std::istringstream words(header);
+  std::string word;
+  while (words >> word) {
+    if (word[0] == 'W') width = std::atoi(word.c_str() + 1);
+    if (word[0] == 'H') height = std::atoi(word.c_str() + 1);
+  }
+  const size_t picture = static_cast<size_t>(width) * height +
+                         2 * static_cast<size_t>((width + 1) / 2) * ((height + 1) / 2);
+  for (size_t at = header_end + 1; at + 6 + picture <= y4m.size(); at += 6 + picture) {
+    EXPECT_EQ(y4m.compare(at, 6, "FRAME\n"), 0);
+    uint8_t digest[16];
+    av_md5_sum(digest, reinterpret_cast<const uint8_t *>(y4m.data() + at + 6),
+               static_cast<int>(picture));
+    char hex[33];
+    for (int i = 0; i < 16; i++) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+    out.push_back(hex);
+  }
+  return out;
+}
+
+uint32_t le(const std::string &s, size_t at, int bytes) {
+  uint32_t v = 0;
+  for (int i = bytes - 1; i >= 0; i--) v = v << 8 | static_cast<uint8_t>(s[at + i]);
+  return v;
+}
+
+void check_run(const PlayRun &run) {
+  const ClipCase &c = *run.clip;
+  SCOPED_TRACE(c.name);
+  ASSERT_EQ(run.status, 0) << travik_test::read_file(run.home + "/stderr.txt");
+  if (c.video_codec) {
+    const std::vector<std::string> shown = y4m_hashes(travik_test::read_file(run.home + "/out.y4m"));
+    const std::vector<std::string> decoded = reference_video(run.path);
+    EXPECT_EQ(decoded.size(), 25u);
+    if (!c.audio_codec) {
+      EXPECT_EQ(shown, decoded);
+    } else {
+      // The tool's pictures, in order, with at most a few dropped, and the
+      // last one (drained at the end of the input) among them.
+      size_t next = 0;
+      for (const std::string &picture : shown) {
+        while (next < decoded.size() && decoded[next] != picture) next++;
+        ASSERT_LT(next, decoded.size()) << "a picture the tool does not decode, or out of order";
+        next++;
+      }
+      EXPECT_GE(shown.size(), decoded.size() * 8 / 10);
+      ASSERT_FALSE(shown.empty());
+      EXPECT_EQ(shown.back(), decoded.back());
+    }
+  }
+  if (c.audio_codec) {
+    // The wav output's canonical 44-byte header, then the samples; the
+    // last write is padded with silence to the device's write size.
+    const std::string wav = travik_test::read_file(run.home + "/out.wav");
+    ASSERT_GE(wav.size(), 44u);
+    EXPECT_EQ(le(wav, 22, 2), static_cast<uint32_t>(c.channels));
+    EXPECT_EQ(le(wav, 24, 4), static_cast<uint32_t>(c.sample_rate));
+    EXPECT_EQ(le(wav, 34, 2), 16u);
+    const std::string played = wav.substr(44, le(wav, 40, 4));
+    const std::string reference = reference_audio(run.path);
+    ASSERT_GE(played.size(), reference.size());
+    EXPECT_TRUE(played.compare(0, reference.size(), reference) == 0)
+        << "the samples written differ from the tool's decode";
+    const std::string padding = played.substr(reference.size());
+    EXPECT_LT(padding.size(), 4096u);
+    EXPECT_EQ(padding, std::string(padding.size(), '\0'));
+  }
+}
+
+TEST(FFmpegClips, PlayEndToEndThroughTravikPlayLikeTheTool) {
+  SKIP_WITHOUT_FFMPEG();
+  std::vector<PlayRun> runs;
+  for (const ClipCase &c : kClips) {
+    PlayRun run;
+    run.clip = &c;
+    run.path = clip(c);
+    run.home = scratch_dir() + "/play-" + c.name;
+    // The references are made before the runs, not while they play.
+    if (c.video_codec) reference_video(run.path);
+    if (c.audio_codec) reference_audio(run.path);
+    runs.push_back(run);
+  }
+  // A few players at a time: each plays its clip in real time (about a
+  // second) and needs little processor.
+  const size_t kAtOnce = 6;
+  const int64_t deadline = travik_test::now_ms() + 100000;
+  size_t started = 0, finished = 0;
+  while (finished < runs.size()) {
+    while (started < runs.size() && started - finished < kAtOnce) start_run(runs[started++]);
+    int status = 0;
+    pid_t pid = waitpid(-1, &status, WNOHANG);
+    if (pid <= 0) {
+      if (travik_test::now_ms() > deadline) break;
+      usleep(5000);
+      continue;
+    }
+    for (PlayRun &run : runs) {
+      if (run.pid != pid) continue;
+      run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      finished++;
+    }
+  }
+  // A player that hangs is stopped, and fails its clip.
+  for (PlayRun &run : runs) {
+    if (run.pid > 0 && run.status == -1) {
+      kill(run.pid, SIGKILL);
+      waitpid(run.pid, nullptr, 0);
+      ADD_FAILURE() << run.clip->name << ": travik-play did not finish";
+    }
+  }
+  for (const PlayRun &run : runs) {
+    if (run.status != -1) check_run(run);
+  }
+}
+#endif
 
 // ---------------------------------------------------------------- files
 
