@@ -551,6 +551,40 @@ TEST(EngineFaults, DecoderThatProducesNothingStartsNoOutput) {
   EXPECT_LT(timed([&] { travik_player_close(p.get()); }), kPrompt);
 }
 
+// Decoders that hold nothing back (pcm and rawvideo, and one that makes
+// nothing at all) answer the drain at the end of the input with nothing:
+// the input still ends, once, and promptly.
+TEST(EngineFaults, DecoderThatProducesNothingStillEndsOnce) {
+  TempDir dir;
+  travik_player_description d = Player::defaults();
+  d.audio_decoder = "silent";
+  d.video_decoder = "silent";
+  Player p(d);
+  ASSERT_EQ(travik_player_open(p.get(), avtest_input(dir, "seconds=300").c_str()), 0);
+  ASSERT_EQ(travik_player_play(p.get()), 0);
+  ASSERT_TRUE(p.wait_for(TRAVIK_EVENT_END));
+  usleep(200000);
+  p.poll();
+  EXPECT_EQ(p.count(TRAVIK_EVENT_END), 1);
+  EXPECT_FALSE(p.seen(TRAVIK_EVENT_AUDIO_STARTED));
+  EXPECT_LT(timed([&] { travik_player_close(p.get()); }), kPrompt);
+}
+
+TEST(EnginePlay, MutedAudioOnlyInputEndsOnce) {
+  TempDir dir;
+  for (int round = 0; round < 3; round++) {
+    Player p;
+    ASSERT_EQ(travik_player_open(p.get(), avtest_input(dir, "seconds=300 video=0").c_str()), 0);
+    travik_player_setinfo(p.get(), 17, 1);
+    ASSERT_EQ(travik_player_play(p.get()), 0);
+    ASSERT_TRUE(p.wait_for(TRAVIK_EVENT_END)) << round;
+    usleep(200000);
+    p.poll();
+    EXPECT_EQ(p.count(TRAVIK_EVENT_END), 1);
+    EXPECT_TRUE(p.seen(TRAVIK_EVENT_AUDIO_STARTED));
+  }
+}
+
 TEST(EngineFaults, AudioDeviceThatStopsAcceptingCanBeClosedAndDestroyed) {
   TempDir dir;
   ClockedAudio audio;
