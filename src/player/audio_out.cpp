@@ -58,10 +58,11 @@ void audio_out_pass(travik_player *player) {
       buffering_start(player);
       return;
     }
-    // Nothing more can come (a muted device, say, never reports empty
-    // while it plays out): the next pass runs the end test. Before the
-    // device is set up that test is not run, so polling goes on.
-    if (player->init_pending == 0 && player_input_finished(player)) return;
+    // Nothing more can come and the video output is done too (a muted
+    // device, say, may never report empty): the next pass runs the end
+    // test. Before the device is set up that test is not run, and while
+    // pictures remain the video output ends the input, so polling goes on.
+    if (player->init_pending == 0 && player_all_done(player)) return;
     usleep(10000);
   }
   // Stopped while polling: a pop would wait for a frame that may never come.

@@ -97,7 +97,7 @@ int32_t output_running(void *data) {
 // the last of them cannot slip in between the test and the wait.
 void *output_pop(travik_player *player, travik_list *ready, bool may_end) {
   pthread_mutex_lock(&ready->mutex);
-  if (ready->count == 0 && !(may_end && player_input_finished(player))) {
+  if (ready->count == 0 && !(may_end && player_all_done(player))) {
     pthread_cond_wait(&ready->cond, &ready->mutex);
   }
   void *item = travik_list_pop(ready);
@@ -116,10 +116,14 @@ int player_input_finished(travik_player *player) {
 // Besides the four lists, the decode threads must be done: a packet in
 // hand, or a drain under way, may still yield frames. Their state is read
 // before the ready lists, as a pass queues its frames before it is done.
+int player_all_done(travik_player *player) {
+  return player_input_finished(player) && count_of(&player->audio_ready) == 0 &&
+         count_of(&player->video_ready) == 0;
+}
+
 int player_end_test(travik_player *player, travik_sleep_check_fn check, void *arg) {
   pthread_mutex_lock(&player->state_mutex);
-  bool finished = player_input_finished(player) && count_of(&player->audio_ready) == 0 &&
-                  count_of(&player->video_ready) == 0;
+  bool finished = player_all_done(player);
   if (!finished) {
     pthread_mutex_unlock(&player->state_mutex);
     return 0;

@@ -168,6 +168,9 @@ int player_end_test(travik_player *player, travik_sleep_check_fn check, void *ar
 // no packet queued or being decoded, no drain pending. Nothing more can
 // reach the ready lists then.
 int player_input_finished(travik_player *player);
+// 1 when the input is finished and both ready lists are empty: what the
+// end-of-playback test waits for.
+int player_all_done(travik_player *player);
 
 // Output thread control (player.cpp): these keep `interrupt` in step with
 // the requests posted.
@@ -177,8 +180,10 @@ void output_reset(travik_player *player, player_output_block *block);
 // The running check of the output threads' interruptible waits.
 int32_t output_running(void *block);
 // Pops a frame from a ready list, waiting at most once for one. With
-// `may_end` the wait is skipped, or cut short, once the input is finished,
-// so that the caller's next pass runs the end-of-playback test.
+// `may_end` the wait is skipped, or cut short, once everything is done
+// (player_all_done), so that the caller's next pass runs the end test.
+// While the other output still has frames the wait stands: that output
+// ends the input.
 void *output_pop(travik_player *player, travik_list *ready, bool may_end);
 
 // Demux thread (demux.cpp).
