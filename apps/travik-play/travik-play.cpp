@@ -327,7 +327,13 @@ bool is_directory(const std::string &path) {
 // without installing. An installed player, or TRAVIK_PLUGINS_DIR set by the
 // user, keeps the library's own plugin directories.
 void use_build_tree_plugins() {
-  if (getenv("TRAVIK_PLUGINS_DIR")) return;
+  if (const char *given = getenv("TRAVIK_PLUGINS_DIR")) {
+    // The library takes the variable as it stands and names plugins by
+    // paths relative to it, so a relative directory would be applied twice.
+    char resolved[PATH_MAX];
+    if (given[0] != '/' && realpath(given, resolved)) setenv("TRAVIK_PLUGINS_DIR", resolved, 1);
+    return;
+  }
   char exe[PATH_MAX];
   ssize_t length = readlink("/proc/self/exe", exe, sizeof exe - 1);
   if (length <= 0) return;
