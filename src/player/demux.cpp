@@ -369,17 +369,23 @@ bool end_watch_pass(travik_player *player) {
   demux_waiter waiter = {player, player->demux_wakeups};
   pthread_mutex_lock(&player->demux_mutex);
   bool watching = player->end_watch == 1 && player->end_of_stream == 1;
+  bool done = false;
   if (watching) {
     buffering_progress(player);
-    if (player_input_finished(player)) {
+    done = player_input_finished(player);
+    if (done) {
       player->end_watch = 0;
-      player_end_test(player, demux_running, &waiter);
-      travik_thread_pause(player->demux_thread);
     } else {
       travik_sleep_check(kEndWatchStep, demux_running, &waiter);
     }
   }
   pthread_mutex_unlock(&player->demux_mutex);
+  // The test may wait seconds for the clock: not under the demux mutex,
+  // which a seek takes before it resets this thread.
+  if (done) {
+    player_end_test(player, demux_running, &waiter);
+    travik_thread_pause(player->demux_thread);
+  }
   return watching;
 }
 
