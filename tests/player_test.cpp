@@ -482,7 +482,7 @@ TEST_F(Player, HeldPicturesAreDrainedAndShownInOrder) {
   EXPECT_EQ(video_.drawn, fills(1, 10));
 }
 
-TEST_F(Player, HeldPicturesWithAudioAreAllShown) {
+TEST_F(Player, HeldPicturesWithAudioReachTheLastOne) {
   g_log.video_delay = 2;
   open(audio_stream(400) + video_stream(400) + audio_packets(0, 10) + video_packets(1, 10));
   travik_player_play(player_);
