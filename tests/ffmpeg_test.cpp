@@ -462,7 +462,8 @@ TEST(FFmpegClips, ChosenDescribedAndDecodedLikeTheTool) {
 // decoder at the end of the input. With sound the clock is the audio's, and
 // the picture after a late one is dropped by design: the first picture
 // usually is late, as the video output waits 100 ms when it finds the clock
-// not yet started, so a few pictures may be missing, but only those.
+// not yet started, so a few pictures may be missing, and on a busy machine
+// any picture may be late.
 struct PlayRun {
   const ClipCase *clip;
   std::string path;   // the clip
@@ -556,8 +557,9 @@ void check_run(const PlayRun &run) {
     if (!c.audio_codec) {
       EXPECT_EQ(shown, decoded);
     } else {
-      // The tool's pictures, in order, with at most a few dropped, and the
-      // last one (drained at the end of the input) among them.
+      // The tool's pictures, in order, with at most a few dropped. Any
+      // picture may be the one after a late one, the last too: the drain
+      // itself is checked on the clips without sound.
       size_t next = 0;
       for (const std::string &picture : shown) {
         while (next < decoded.size() && decoded[next] != picture) next++;
@@ -565,8 +567,6 @@ void check_run(const PlayRun &run) {
         next++;
       }
       EXPECT_GE(shown.size(), decoded.size() * 8 / 10);
-      ASSERT_FALSE(shown.empty());
-      EXPECT_EQ(shown.back(), decoded.back());
     }
   }
   if (c.audio_codec) {
