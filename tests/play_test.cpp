@@ -825,12 +825,12 @@ TEST(Play, UnreadableSubtitleFileIsAnError) {
 // Real media through the FFmpeg plugins, end to end. A clip with both
 // streams, made by the ffmpeg tool, plays into the wav and y4m outputs: the
 // sound is the tool's own decode sample for sample; every picture written
-// is one of the tool's pictures, in order, and nearly all of them arrive,
-// the last one too (drained from the decoder at the end of the input). With
-// sound the picture after a late one is dropped by design, and the first
-// picture is usually late: the video output waits 100 ms when it finds the
-// clock not yet started. Every picture of clips without sound is required
-// by the FFmpeg tests' end-to-end runs.
+// is one of the tool's pictures, in order, and nearly all of them arrive.
+// With sound the picture after a late one is dropped by design, and the
+// first picture is usually late: the video output waits 100 ms when it
+// finds the clock not yet started. Every picture of clips without sound,
+// the last ones drained from the decoder, is required by the FFmpeg tests'
+// end-to-end runs.
 bool have_ffmpeg_plugins() {
   struct stat st;
   return stat((kPlugins + "/demuxer/libdemuxer_ffmpeg.so").c_str(), &st) == 0 &&
@@ -881,8 +881,6 @@ TEST(Play, FFmpegClipPlaysIntoTheFileOutputs) {
     next++;
   }
   EXPECT_GE(shown.size(), decoded.size() * 8 / 10);
-  ASSERT_FALSE(shown.empty());
-  EXPECT_EQ(shown.back(), decoded.back());
 
   Result info = play(dir, {"--info", clip});
   ASSERT_EQ(info.status, 0) << info.err;
