@@ -626,12 +626,95 @@ void soak(int cycles, int players) {
 
 TEST(MediaSoak, CyclesOnOneThreadLeaveNothingBehind) {
   SKIP_WITHOUT_FFMPEG();
-  soak(env_count("TRAVIK_MEDIA_SOAK_CYCLES", 40), 1);
+  soak(env_count("TRAVIK_MEDIA_SOAK_CYCLES", 24), 1);
 }
 
 TEST(MediaSoak, CyclesOnFourThreadsLeaveNothingBehind) {
   SKIP_WITHOUT_FFMPEG();
-  soak(env_count("TRAVIK_MEDIA_SOAK_CYCLES", 40), 4);
+  soak(env_count("TRAVIK_MEDIA_SOAK_CYCLES", 24), 4);
+}
+
+// ---------------------------------------------------------------- memory
+
+// A 1080p stream of `seconds`: the same pictures and tone whatever the
+// length, so that two lengths differ in nothing but how long they play.
+std::string clip_1080p(int seconds) {
+  const std::string d = std::to_string(seconds);
+  return make_clip("hd" + d + ".mp4",
+                   "-f lavfi -i testsrc=size=1920x1080:rate=25:duration=" + d +
+                       " -f lavfi -i sine=frequency=440:sample_rate=44100:duration=" + d +
+                       " -c:v libx264 -preset ultrafast -g 50 -pix_fmt yuv420p -b:v 4M"
+                       " -c:a aac -b:a 96k");
+}
+
+// A /proc/self/status field in kilobytes, or -1.
+long status_kb(const char *field) {
+  const std::string status = travik_test::read_file("/proc/self/status");
+  const size_t at = status.find(std::string(field) + ":");
+  return at == std::string::npos ? -1 : std::atol(status.c_str() + at + std::strlen(field) + 1);
+}
+
+struct Peak {
+  long start_kb = -1;  // resident set before the player was made
+  long peak_kb = -1;   // highest resident set while it played
+  int last = -1;       // END or ERROR
+};
+
+// Plays `path` to its end in a child process, with a ceiling of 2 MB on
+// the input and the default frame pools, and returns the child's figures:
+// its high-water mark does not include whatever this process used before.
+Peak peak_rss(const std::string &path, float speed) {
+  int fds[2];
+  EXPECT_EQ(pipe(fds), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(fds[0]);
+    Peak peak;
+    peak.start_kb = status_kb("VmRSS");
+    {
+      Player p;
+      if (speed != 1.0f) travik_player_setspeed(p.get(), speed);
+      if (travik_player_open(p.get(), path.c_str()) == 0) {
+        travik_player_play(p.get());
+        peak.last = p.wait_for_any({TRAVIK_EVENT_END, TRAVIK_EVENT_ERROR}, 300000);
+        travik_player_close(p.get());
+      }
+    }
+    peak.peak_kb = status_kb("VmHWM");
+    if (write(fds[1], &peak, sizeof peak) != sizeof peak) _exit(1);
+    _exit(0);
+  }
+  close(fds[1]);
+  Peak peak;
+  EXPECT_EQ(read(fds[0], &peak, sizeof peak), static_cast<ssize_t>(sizeof peak));
+  close(fds[0]);
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  return peak;
+}
+
+// On request (TRAVIK_MEDIA_MEMORY=1): plays a 5-second and a 60-second
+// 1080p clip in real time (TRAVIK_MEDIA_MEMORY_SPEED for another speed),
+// so it takes over a minute, plus making the clips once.
+TEST(MediaMemory, PeakRssDoesNotGrowWithTheInputsLength) {
+  SKIP_WITHOUT_FFMPEG();
+  if (!std::getenv("TRAVIK_MEDIA_MEMORY")) GTEST_SKIP() << "set TRAVIK_MEDIA_MEMORY=1 to run";
+  const char *speed_text = std::getenv("TRAVIK_MEDIA_MEMORY_SPEED");
+  const float speed = speed_text ? static_cast<float>(std::atof(speed_text)) : 1.0f;
+  const std::string short_clip = clip_1080p(5), long_clip = clip_1080p(60);
+  const Peak short_peak = peak_rss(short_clip, speed);
+  const Peak long_peak = peak_rss(long_clip, speed);
+  std::printf("peak RSS, 1080p, input_limit 2 MB, default pools: 5 s %ld kB, 60 s %ld kB "
+              "(%ld kB and %ld kB before the player)\n",
+              short_peak.peak_kb, long_peak.peak_kb, short_peak.start_kb, long_peak.start_kb);
+  EXPECT_EQ(short_peak.last, TRAVIK_EVENT_END);
+  EXPECT_EQ(long_peak.last, TRAVIK_EVENT_END);
+  ASSERT_GT(short_peak.peak_kb, 0);
+  EXPECT_LT(std::labs(long_peak.peak_kb - short_peak.peak_kb), short_peak.peak_kb / 10);
+  // 17 pooled pictures of 1920x1080 (3 MB each), the 2 MB ceiling, the
+  // decoder's own reference pictures and the libraries: see the README.
+  EXPECT_LT(long_peak.peak_kb, 160 * 1024);
 }
 
 }  // namespace
