@@ -150,17 +150,18 @@ void decode_reset(player_decode_block *block, travik_list *packets) {
 
 }  // namespace
 
+// The packet is waited for before the block's mutex is taken. A seek runs
+// create-only passes under that mutex from the application's thread; a pass
+// that held it while waiting for a packet that never comes (the whole input
+// already demuxed) kept the seek waiting for good.
 void audio_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->audio_decode;
-  pthread_mutex_lock(&block->mutex);
   travik_packet *packet = nullptr;
   if (!create_only) {
     packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->audio_packets));
-    if (!packet) {
-      pthread_mutex_unlock(&block->mutex);
-      return;
-    }
+    if (!packet) return;
   }
+  pthread_mutex_lock(&block->mutex);
   travik_stream *stream = player->audio_stream;
   if (block->create_pending && stream) {
     create_decoder(player, block, stream, allocator_create(block, audio_allocate),
@@ -201,15 +202,12 @@ void audio_decode_pass(travik_player *player, bool create_only) {
 
 void video_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->video_decode;
-  pthread_mutex_lock(&block->mutex);
   travik_packet *packet = nullptr;
   if (!create_only) {
     packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->video_packets));
-    if (!packet) {
-      pthread_mutex_unlock(&block->mutex);
-      return;
-    }
+    if (!packet) return;
   }
+  pthread_mutex_lock(&block->mutex);
   travik_stream *stream = player->video_stream;
   if (block->create_pending && stream) {
     create_decoder(player, block, stream, allocator_create(player, video_allocate),
