@@ -510,40 +510,34 @@ struct Random {
   uint32_t state;
 };
 
-// `count` damaged copies of each clip, written under `dir`: cut at a seeded
-// offset, and with a seeded handful of bytes flipped. Without
-// TRAVIK_MEDIA_FAULTS_FULL only every `stride`-th copy is kept, starting at
-// a seeded place, so the subset changes with the seed and not the copies.
+// `count` cut and `count` flipped copies of each clip, written under `dir`:
+// cut at a seeded offset, and with a seeded handful of bytes flipped. Of
+// each kind only `keep` per clip are kept, evenly spread from a seeded
+// start, so that a subset changes with the seed and not the copies.
 std::vector<Job> damaged_jobs(const travik_test::TempDir &dir, int count, int keep) {
   std::vector<Job> jobs;
   const uint32_t seed = static_cast<uint32_t>(env_count("TRAVIK_MEDIA_FAULTS_SEED", 1));
+  const int stride = count / keep;
   for (const std::string &path : real_clips()) {
     const std::string whole = travik_test::read_file(path);
     const std::string name = path.substr(path.rfind('/') + 1);
     Random random(seed);
-    std::vector<std::pair<Job, std::string>> made;
     for (int i = 0; i < count; i++) {
       // Cut: anywhere from the first byte to the last.
       const size_t at = random.next() % whole.size();
-      made.push_back({{dir.file("cut" + std::to_string(i) + "-" + name),
-                       name + " cut at " + std::to_string(at)},
-                      whole.substr(0, at)});
       // Flipped: 1 to 16 bytes XORed with a non-zero value.
       std::string bytes = whole;
       const int flips = 1 + static_cast<int>(random.next() % 16);
       for (int f = 0; f < flips; f++)
         bytes[random.next() % bytes.size()] ^= static_cast<char>(1 + random.next() % 255);
-      made.push_back({{dir.file("flip" + std::to_string(i) + "-" + name),
-                       name + " flip set " + std::to_string(i) + " (seed " +
-                           std::to_string(seed) + ")"},
-                      bytes});
-    }
-    const size_t stride = made.size() / static_cast<size_t>(keep);
-    const size_t offset = seed % stride;
-    for (size_t i = 0; i < made.size(); i++) {
-      if (stride > 1 && i % stride != offset) continue;
-      travik_test::write_file(made[i].first.path, made[i].second);
-      jobs.push_back(made[i].first);
+      if (i % stride != static_cast<int>(seed % static_cast<uint32_t>(stride))) continue;
+      const std::string cut = dir.file("cut" + std::to_string(i) + "-" + name);
+      travik_test::write_file(cut, whole.substr(0, at));
+      jobs.push_back({cut, name + " cut at " + std::to_string(at)});
+      const std::string flipped = dir.file("flip" + std::to_string(i) + "-" + name);
+      travik_test::write_file(flipped, bytes);
+      jobs.push_back({flipped, name + " flip set " + std::to_string(i) + " (seed " +
+                                   std::to_string(seed) + ")"});
     }
   }
   return jobs;
@@ -560,7 +554,7 @@ TEST(MediaDamaged, CutAndFlippedClipsEndWithEndOrErrorAndCloseCleanly) {
   travik_test::TempDir dir;
   // 50 cuts and 50 flip sets of each clip; in CI a seeded tenth of them.
   const bool full = std::getenv("TRAVIK_MEDIA_FAULTS_FULL") != nullptr;
-  const std::vector<Job> jobs = damaged_jobs(dir, 50, full ? 100 : 10);
+  const std::vector<Job> jobs = damaged_jobs(dir, 50, full ? 50 : 5);
   ASSERT_EQ(jobs.size(), full ? 400u : 40u);
   // Warm up (plugins loaded, FFmpeg's tables made) before counting.
   {
