@@ -396,6 +396,70 @@ TEST(MediaNetwork, TcpStallRebuffersThenPlaysToTheEnd) {
   EXPECT_LT(p.close_input(), kPrompt);
 }
 
+// While a TCP sender pauses, the demuxer has handed out nearly everything
+// that came before the pause: its reads of the socket are small, since each
+// waits for every byte it asks for. The pause falls just short of a 32 KB
+// boundary, where reads of the demuxer's whole 32 KB buffer would hold back
+// some 30 KB, a dozen pictures.
+TEST(MediaNetwork, TcpPauseHoldsBackLittle) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = clip_net();
+  const std::string bytes = travik_test::read_file(path);
+  const size_t pause_at = 3 * 32768 + 30000;
+  ASSERT_LT(pause_at, bytes.size());
+  // Video packets complete before the pause: a transport-stream packet is
+  // complete once the next one of its stream has begun.
+  std::vector<long> starts;
+  {
+    FILE *probe = popen(("ffprobe -v error -select_streams v:0 -show_entries packet=pos "
+                         "-of csv=p=0 '" + path + "'").c_str(), "r");
+    ASSERT_TRUE(probe);
+    // One "POS," line a packet (with blank lines between).
+    char line[64];
+    while (std::fgets(line, sizeof line, probe))
+      if (line[0] >= '0' && line[0] <= '9') starts.push_back(std::atol(line));
+    pclose(probe);
+  }
+  int complete = 0;
+  for (size_t i = 0; i + 1 < starts.size(); i++)
+    if (static_cast<size_t>(starts[i + 1]) + 188 <= pause_at) complete++;
+  ASSERT_GT(complete, 30);
+
+  std::atomic<bool> paused{false}, resume{false};
+  TcpServer server([&](int client) {
+    send_all(client, bytes.data(), pause_at);
+    paused.store(true);
+    const long long end = now_ms() + 20000;
+    while (!resume.load() && now_ms() < end) usleep(5000);
+    send_all(client, bytes.data() + pause_at, bytes.size() - pause_at);
+  });
+  travik_io *io = travik_io_create(server.url("live.ts").c_str());
+  travik_demuxer *demuxer = travik_demuxer_create(io, nullptr);
+  ASSERT_TRUE(demuxer);
+  std::atomic<int> video{0};
+  std::thread reader([&] {
+    if (travik_demuxer_parseheader(demuxer) != 0) return;
+    for (int32_t status = 0; status == 0;) {
+      status = travik_demuxer_parse(demuxer, nullptr);
+      while (travik_packet *packet = travik_demuxer_pop(demuxer)) {
+        travik_stream *stream = travik_demuxer_getstream(demuxer, packet->stream);
+        if (stream && stream->info.type == TRAVIK_STREAM_VIDEO) video++;
+        packet->release(packet);
+      }
+    }
+  });
+  // Once the reader has had ample time for what came before the pause.
+  const long long end = now_ms() + 10000;
+  while (!paused.load() && now_ms() < end) usleep(5000);
+  usleep(1500000);
+  const int delivered = video.load();
+  resume.store(true);
+  reader.join();
+  travik_demuxer_destroy(demuxer);
+  travik_io_destroy(io);
+  EXPECT_GE(delivered, complete - 3) << "video packets before the pause: " << complete;
+}
+
 TEST(MediaNetwork, UdpWithLostDatagramsKeepsShowingPictures) {
   SKIP_WITHOUT_FFMPEG();
   const std::string bytes = travik_test::read_file(clip_net());
