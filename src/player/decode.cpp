@@ -148,20 +148,35 @@ void decode_reset(player_decode_block *block, travik_list *packets) {
   block->discard_pending = 1;
 }
 
+// Takes the block's mutex for a create-only pass, which a seek runs from the
+// application's thread. The decode thread holds that mutex while it waits
+// for a packet, and once the whole input has been demuxed none may ever
+// come: the seek then waited for good. So while the mutex is taken, the
+// waiting pass is woken (it finds no packet and lets go) and tried again.
+void lock_for_create(player_decode_block *block, travik_list *packets) {
+  while (pthread_mutex_trylock(&block->mutex) != 0) {
+    travik_list_cancel_lock(packets);
+    travik_sleep(1);
+  }
+}
+
 }  // namespace
 
-// The packet is waited for before the block's mutex is taken. A seek runs
-// create-only passes under that mutex from the application's thread; a pass
-// that held it while waiting for a packet that never comes (the whole input
-// already demuxed) kept the seek waiting for good.
 void audio_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->audio_decode;
+  if (create_only) {
+    lock_for_create(block, &player->audio_packets);
+  } else {
+    pthread_mutex_lock(&block->mutex);
+  }
   travik_packet *packet = nullptr;
   if (!create_only) {
     packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->audio_packets));
-    if (!packet) return;
+    if (!packet) {
+      pthread_mutex_unlock(&block->mutex);
+      return;
+    }
   }
-  pthread_mutex_lock(&block->mutex);
   travik_stream *stream = player->audio_stream;
   if (block->create_pending && stream) {
     create_decoder(player, block, stream, allocator_create(block, audio_allocate),
@@ -202,12 +217,19 @@ void audio_decode_pass(travik_player *player, bool create_only) {
 
 void video_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->video_decode;
+  if (create_only) {
+    lock_for_create(block, &player->video_packets);
+  } else {
+    pthread_mutex_lock(&block->mutex);
+  }
   travik_packet *packet = nullptr;
   if (!create_only) {
     packet = static_cast<travik_packet *>(travik_list_pop_lock(&player->video_packets));
-    if (!packet) return;
+    if (!packet) {
+      pthread_mutex_unlock(&block->mutex);
+      return;
+    }
   }
-  pthread_mutex_lock(&block->mutex);
   travik_stream *stream = player->video_stream;
   if (block->create_pending && stream) {
     create_decoder(player, block, stream, allocator_create(player, video_allocate),
