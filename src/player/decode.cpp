@@ -191,11 +191,27 @@ void decode_reset(player_decode_block *block, travik_list *packets) {
   block->discard_pending = 1;
 }
 
+// Takes the block's mutex for a create-only pass, which a seek runs from the
+// application's thread. The decode thread holds that mutex while it waits
+// for a packet, and once the whole input has been demuxed none may ever
+// come: the seek then waited for good. So while the mutex is taken, the
+// waiting pass is woken (it finds no packet and lets go) and tried again.
+void lock_for_create(player_decode_block *block, travik_list *packets) {
+  while (pthread_mutex_trylock(&block->mutex) != 0) {
+    travik_list_cancel_lock(packets);
+    travik_sleep(1);
+  }
+}
+
 }  // namespace
 
 void audio_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->audio_decode;
-  pthread_mutex_lock(&block->mutex);
+  if (create_only) {
+    lock_for_create(block, &player->audio_packets);
+  } else {
+    pthread_mutex_lock(&block->mutex);
+  }
   travik_packet *packet = nullptr;
   if (!create_only) {
     packet = take_packet(block, &player->audio_packets);
@@ -246,7 +262,11 @@ void audio_decode_pass(travik_player *player, bool create_only) {
 
 void video_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->video_decode;
-  pthread_mutex_lock(&block->mutex);
+  if (create_only) {
+    lock_for_create(block, &player->video_packets);
+  } else {
+    pthread_mutex_lock(&block->mutex);
+  }
   travik_packet *packet = nullptr;
   if (!create_only) {
     packet = take_packet(block, &player->video_packets);

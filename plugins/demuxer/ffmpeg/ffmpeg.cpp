@@ -55,6 +55,11 @@ namespace {
 constexpr int kProbeBytes = 8192;
 // Size of the buffer between libavformat and the input.
 constexpr int kIoBuffer = 32768;
+// Largest read asked of a byte-stream socket ("tcp", "vpn"). Their reads
+// wait until every byte asked for has come, so a sender that pauses would
+// hold back whatever part of a large read had already arrived: keep that
+// part small, a few hundredths of a second of a typical stream.
+constexpr int kStreamRead = 2048;
 // Probe score of libavformat's guess is capped here so that the native
 // demuxers (which answer 100 for their own files) keep them.
 constexpr int32_t kMaxScore = 50;
@@ -75,6 +80,7 @@ struct Demux {
   std::atomic<bool> stop;        // set by control 2
   bool network;                  // libavformat's network layer was started for it
   bool filtering;                // our wait filter is installed on the handle
+  bool stream_socket;            // reads of the handle wait for the whole count
   travik_io_filter outer;        // the filter it replaced (called too), or NULL
   void *outer_arg;
   int32_t slot_of[TRAVIK_DEMUXER_MAX_STREAMS];  // libavformat index -> slot, -1
@@ -157,6 +163,7 @@ int64_t fd_seek(void *opaque, int64_t offset, int whence) {
 int io_read(void *opaque, uint8_t *buffer, int size) {
   auto *d = static_cast<Demux *>(opaque);
   if (d->stop.load()) return AVERROR_EXIT;
+  if (d->stream_socket && size > kStreamRead) size = kStreamRead;
   int32_t n = travik_io_read(d->io, buffer, size);
   if (n < 0) return AVERROR(EIO);
   return n == 0 ? AVERROR_EOF : n;
@@ -228,6 +235,8 @@ bool open_input(Demux *d) {
       d->outer_arg = d->io->filter_arg;
       d->outer = travik_io_setfilter(d->io, wait_filter, d);
       d->filtering = true;
+      d->stream_socket = std::strcmp(d->io->backend->name, "tcp") == 0 ||
+                         std::strcmp(d->io->backend->name, "vpn") == 0;
       if (travik_io_open(d->io, -1) != 0) return false;
       // The framework leaves a probed input at no particular place.
       const int32_t here = travik_io_pos(d->io);
