@@ -192,15 +192,20 @@ void decode_reset(player_decode_block *block, travik_list *packets) {
 }
 
 // Takes the block's mutex for a create-only pass, which a seek runs from the
-// application's thread. The decode thread holds that mutex while it waits
-// for a packet, and once the whole input has been demuxed none may ever
-// come: the seek then waited for good. So while the mutex is taken, the
-// waiting pass is woken (it finds no packet and lets go) and tried again.
-void lock_for_create(player_decode_block *block, travik_list *packets) {
+// application's thread; false when there is nothing left for it to do. The
+// decode thread holds that mutex for a whole pass, and a pass may wait for
+// good: for a packet once the whole input has been demuxed, or for a free
+// frame while paused with a full pool. So while the mutex is taken, a pass
+// waiting for a packet is woken (it finds none and lets go); and once the
+// decode thread's own pass has tried the decoder, the create-only pass is
+// not needed and is skipped instead of waiting behind a full pool.
+bool lock_for_create(player_decode_block *block, travik_list *packets) {
   while (pthread_mutex_trylock(&block->mutex) != 0) {
+    if (block->create_pending == 0) return false;
     travik_list_cancel_lock(packets);
     travik_sleep(1);
   }
+  return true;
 }
 
 }  // namespace
@@ -208,7 +213,10 @@ void lock_for_create(player_decode_block *block, travik_list *packets) {
 void audio_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->audio_decode;
   if (create_only) {
-    lock_for_create(block, &player->audio_packets);
+    if (!lock_for_create(block, &player->audio_packets)) {
+      block->create_only = 0;
+      return;
+    }
   } else {
     pthread_mutex_lock(&block->mutex);
   }
@@ -263,7 +271,10 @@ void audio_decode_pass(travik_player *player, bool create_only) {
 void video_decode_pass(travik_player *player, bool create_only) {
   player_decode_block *block = &player->video_decode;
   if (create_only) {
-    lock_for_create(block, &player->video_packets);
+    if (!lock_for_create(block, &player->video_packets)) {
+      block->create_only = 0;
+      return;
+    }
   } else {
     pthread_mutex_lock(&block->mutex);
   }
