@@ -93,10 +93,11 @@ class MeasuringDevices {
   static int32_t audio_write(void *handle, const void *data, int32_t bytes) {
     auto *a = static_cast<ClockedAudio *>(handle);
     if (a->stopped()) return 0;
-    const int32_t n =
-        a->clock.write(static_cast<const uint8_t *>(data), bytes, [](const uint8_t *, int32_t) {});
-    a->accepted += n;
-    return n;
+    // Counted piece by piece as the device takes them: a write blocks until
+    // the device has room for all of it, and bytes already queued must not
+    // be missing from the position while it waits for the rest.
+    return a->clock.write(static_cast<const uint8_t *>(data), bytes,
+                          [a](const uint8_t *, int32_t piece) { a->accepted += piece; });
   }
   static int32_t audio_getformat(void *handle, int32_t *rate, int32_t *channels) {
     auto *a = static_cast<ClockedAudio *>(handle);
