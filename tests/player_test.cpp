@@ -482,6 +482,23 @@ TEST_F(Player, NoBitRateAndNoCeilingEndsBufferingAtOnce) {
   EXPECT_EQ(payloads(TRAVIK_EVENT_BUFFERING), std::vector<int32_t>{100});
 }
 
+// Without a ceiling there is nothing for the size to be above: the size
+// from the bit rate is gathered, and playback waits for it.
+TEST_F(Player, NoCeilingKeepsTheSizeFromTheBitRate) {
+  desc_.input_limit = 0;
+  travik_test::StdoutCapture out;
+  open(audio_stream() + audio_packets(0, 2) + "hold\n", "bitrate 800000\npreroll 3000\n");
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_for([&] { return player_->prebuffer_normal != 0; }));
+  EXPECT_EQ(player_->prebuffer_normal, 300000);
+  // Two packets of 1280 bytes are far from it: still buffering, silent.
+  ASSERT_TRUE(wait_for([&] { return script()->next == 2; }));
+  EXPECT_EQ(player_->buffering, 1);
+  EXPECT_EQ(count(TRAVIK_EVENT_AUDIO_STARTED), 0);
+  travik_player_close(player_);
+  EXPECT_NE(out.text().find("Bitrate = 800000, Preroll = 3000, Size = 300000\n"), std::string::npos);
+}
+
 TEST_F(Player, BufferingAnnouncedInStepsOfThree) {
   // 10000 bytes to gather, 100-byte video packets: 1 % each.
   std::string text = video_stream(8000);

@@ -100,13 +100,21 @@ void push_or_release(travik_player *player, travik_packet *packet) {
 // Prebuffer size from the input's bit rate and preroll, in 32-bit
 // arithmetic. Without a size, or with one above the ceiling, half the
 // ceiling is gathered.
+//
+// Without a ceiling (an input_limit of 0 or less) there is nothing for the
+// size to be above, so the size from the bit rate stands. Comparing with
+// the 0 literally would make every target 0: buffering would end on the
+// first packet, output would start with next to nothing queued, and each
+// of the underruns that follow would stop and re-base the clock. An input
+// without a bit rate still gets half the ceiling, which is 0 then.
 int32_t prebuffer_size(travik_player *player, int32_t *preroll_out) {
   travik_demuxer *demuxer = player->demuxer;
   int32_t preroll = demuxer->fixed_preroll >= 1 ? demuxer->fixed_preroll : demuxer->preroll;
   int32_t size = static_cast<int32_t>(static_cast<uint32_t>(demuxer->bitrate / 8) *
                                       static_cast<uint32_t>(preroll)) /
                  1000;
-  if (size == 0 || player->input_limit < size) size = player->input_limit / 2;
+  int32_t limit = player->input_limit;
+  if (size == 0 || (limit > 0 && limit < size)) size = limit / 2;
   *preroll_out = preroll;
   return size;
 }
