@@ -1180,6 +1180,9 @@ TEST_F(Player, OverlayBlitsIntoEveryFrameWithOneDrawingPerSize) {
   EXPECT_EQ(wide[15 * 32 + 14], 200);
   player_->subtitle_image = nullptr;
   travik_draw_destroy(image);
+  // Never opened: close would not take the subtitle source away.
+  travik_subtitle_destroy(player_->subtitle);
+  player_->subtitle = nullptr;
 }
 
 TEST_F(Player, HiddenSubtitlesAreNotRendered) {
