@@ -22,6 +22,7 @@
 #include <travik/video.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <mutex>
 #include <vector>
@@ -65,6 +66,7 @@ struct RecordingVideo {
   // Microseconds between two pictures of the avtest input played.
   int64_t frame_us = 40000;
   std::mutex lock;
+  std::condition_variable flipped;  // notified at every flip recorded
   int64_t drawn = -1;  // timestamp of the last picture drawn
   std::vector<Flip> flips;
 };
@@ -160,8 +162,11 @@ class MeasuringDevices {
     auto *v = static_cast<RecordingVideo *>(handle);
     const int64_t audio = audio_ ? audio_->position_us() : -1;
     const long long now = wall_us();
-    std::lock_guard<std::mutex> hold(v->lock);
-    if (v->drawn >= 0) v->flips.push_back({v->drawn, audio, now});
+    {
+      std::lock_guard<std::mutex> hold(v->lock);
+      if (v->drawn >= 0) v->flips.push_back({v->drawn, audio, now});
+    }
+    v->flipped.notify_one();
     return 0;
   }
   static int32_t video_getdelay(void *) { return 0; }
