@@ -729,17 +729,25 @@ struct TestPicture {
   }
 };
 
-TEST_F(Player, FrameLaterThanTheDelayMarksTheNextLate) {
-  create();
+// The rules alone, on a player record without threads.
+struct RulesPlayer {
+  travik_player player{};
+  RulesPlayer() { pthread_mutex_init(&player.video_out.mutex, nullptr); }
+  ~RulesPlayer() { pthread_mutex_destroy(&player.video_out.mutex); }
+};
+
+TEST(PlayerRules, FrameLaterThanTheDelayMarksTheNextLate) {
+  RulesPlayer rules;
+  travik_player *player = &rules.player;
   // The device delay is 30 ms: 20 ms late is within it, 50 ms is not.
-  EXPECT_EQ(video_late_rules(player_, -20, 30), 0);
-  EXPECT_EQ(player_->late, 0);
-  EXPECT_EQ(video_late_rules(player_, -30, 30), 0);
-  EXPECT_EQ(player_->late, 0);
-  EXPECT_EQ(video_late_rules(player_, 0, 30), 0);
-  EXPECT_EQ(player_->late, 0);
-  EXPECT_EQ(video_late_rules(player_, -50, 30), 0);
-  EXPECT_EQ(player_->late, 1);
+  EXPECT_EQ(video_late_rules(player, -20, 30), 0);
+  EXPECT_EQ(player->late, 0);
+  EXPECT_EQ(video_late_rules(player, -30, 30), 0);
+  EXPECT_EQ(player->late, 0);
+  EXPECT_EQ(video_late_rules(player, 0, 30), 0);
+  EXPECT_EQ(player->late, 0);
+  EXPECT_EQ(video_late_rules(player, -50, 30), 0);
+  EXPECT_EQ(player->late, 1);
 }
 
 std::atomic<int32_t> g_pictures_released{0};
@@ -769,31 +777,30 @@ TEST_F(Player, FrameAfterALateOneIsDropped) {
   EXPECT_EQ(video_.draws, 2);
   EXPECT_EQ(video_.last_drawn, 8);
   EXPECT_EQ(g_pictures_released, 1);
-  EXPECT_EQ(player_->late, 0);
   travik_player_close(player_);  // hands back the picture on screen
   EXPECT_EQ(g_pictures_released, 2);
 }
 
-TEST_F(Player, LateAverageOfTheWaits) {
-  create();
-  player_->late_average = 0;
+TEST(PlayerRules, LateAverageOfTheWaits) {
+  RulesPlayer rules;
+  travik_player *player = &rules.player;
   // 40, 40, 40: the average stays 40 and each wait is slept whole.
   for (int i = 0; i < 3; i++) {
-    EXPECT_EQ(video_late_rules(player_, 40, 0), 40);
-    EXPECT_EQ(player_->late_average, 40);
+    EXPECT_EQ(video_late_rules(player, 40, 0), 40);
+    EXPECT_EQ(player->late_average, 40);
   }
   // A wait of 100 after an average of 40: (40 + 100) / 2 = 70 is slept.
-  EXPECT_EQ(video_late_rules(player_, 100, 0), 70);
-  EXPECT_EQ(player_->late_average, 70);
+  EXPECT_EQ(video_late_rules(player, 100, 0), 70);
+  EXPECT_EQ(player->late_average, 70);
   // A shorter wait is slept whole; the average still halves.
-  EXPECT_EQ(video_late_rules(player_, 10, 0), 10);
-  EXPECT_EQ(player_->late_average, 40);
+  EXPECT_EQ(video_late_rules(player, 10, 0), 10);
+  EXPECT_EQ(player->late_average, 40);
   // Late frames leave the average alone.
-  EXPECT_EQ(video_late_rules(player_, -5, 0), 0);
-  EXPECT_EQ(player_->late_average, 40);
+  EXPECT_EQ(video_late_rules(player, -5, 0), 0);
+  EXPECT_EQ(player->late_average, 40);
 }
 
-TEST_F(Player, SpeedTimestampIsSinglePrecision) {
+TEST(PlayerRules, SpeedTimestampIsSinglePrecision) {
   EXPECT_EQ(speed_timestamp(4000000, 2.0f), 2000000);
   EXPECT_EQ(speed_timestamp(1000000, 0.5f), 2000000);
   // 2^25 + 3 is 2^25 + 4 as a float: halved, 16777218, where an exact
