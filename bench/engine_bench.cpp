@@ -4,8 +4,11 @@
 // Prints one table:
 //   - CPU time of the whole process as a share of one core, during playback;
 //   - the same for demuxing and decoding alone (the input read and decoded
-//     as fast as possible without a player, scaled to real time), and the
-//     difference: what the engine adds;
+//     as fast as possible without a player, scaled to real time), once
+//     decoding each packet at once and once holding as many packets and
+//     frames as the player does, and the difference between the latter and
+//     playback: what the engine adds;
+//   - CPU time and sleeps (voluntary context switches) of each thread;
 //   - peak resident memory;
 //   - the distance between each picture flipped and the audio position at
 //     that moment (p50, p99, max, ms);
@@ -25,8 +28,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <deque>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "measuring_devices.h"
@@ -42,6 +46,11 @@ const char kInput[] =
     "AVTEST seconds=10000 rate=48000 channels=2 chunk=40 width=1280 height=720 fps=25 "
     "preroll=300\n";
 constexpr int kSeconds = 10;
+// Two seconds of input held at most (about 70 MB of pictures).
+constexpr int32_t kInputLimit = 2 * (1280 * 720 * 3 / 2 * 25 + 48000 * 4);
+// Frames the player's pools hold at most with the default sizes: 15 + 2
+// pictures and 10 audio frames.
+constexpr size_t kPooledFrames = 15 + 2 + 10;
 
 double cpu_seconds() {
   struct rusage usage;
@@ -50,15 +59,92 @@ double cpu_seconds() {
          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
+// Peak resident memory since the last reset_peak_rss(), in KiB.
 long peak_rss_kib() {
-  struct rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
+  FILE *f = fopen("/proc/self/status", "r");
+  if (!f) return -1;
+  long kib = -1;
+  char line[256];
+  while (fgets(line, sizeof line, f))
+    if (sscanf(line, "VmHWM: %ld", &kib) == 1) break;
+  fclose(f);
+  return kib;
 }
 
+// Hands the memory the decoding runs freed back to the system and starts
+// the peak anew, so that playback starts from a small heap, as it would
+// without those runs, and the peak is its own.
+void reset_peak_rss() {
+  malloc_trim(0);
+  FILE *f = fopen("/proc/self/clear_refs", "w");
+  if (!f) return;
+  fputs("5", f);
+  fclose(f);
+}
+
+// Demuxed packets and decoded frames held back, as the player holds them:
+// packets up to a number of payload bytes, frames up to a count.
+class Holding {
+ public:
+  Holding(int64_t packet_bytes, size_t frames) : packet_bytes_(packet_bytes), frames_(frames) {}
+  ~Holding() {
+    while (!packets_.empty()) decode_front();
+    while (!held_.empty()) release_front();
+  }
+  void set_decoders(travik_decoder *audio, travik_decoder *video) {
+    decoders_[0] = audio;
+    decoders_[1] = video;
+  }
+  void add(travik_packet *packet) {
+    packets_.push_back(packet);
+    bytes_ += packet->size;
+    while (bytes_ > packet_bytes_ && !packets_.empty()) decode_front();
+  }
+
+ private:
+  void decode_front() {
+    travik_packet *packet = packets_.front();
+    packets_.pop_front();
+    bytes_ -= packet->size;
+    travik_decoder *decoder = packet->stream < 2 ? decoders_[packet->stream] : nullptr;
+    if (decoder) {
+      travik_decoder_setsource(decoder, packet);
+      for (;;) {
+        void *frame = nullptr;
+        int32_t level = 0;
+        int32_t done = travik_decoder_decode(decoder, &level, &frame);
+        if (frame) {
+          held_.push_back(frame);
+          while (held_.size() > frames_) release_front();
+        }
+        if (done) break;
+      }
+    }
+    packet->release(packet);
+  }
+  void release_front() {
+    void *frame = held_.front();
+    held_.pop_front();
+    if (*static_cast<int32_t *>(frame) == TRAVIK_FRAME_AUDIO)
+      static_cast<travik_audioframe *>(frame)->release(static_cast<travik_audioframe *>(frame));
+    else
+      static_cast<travik_videoframe *>(frame)->release(static_cast<travik_videoframe *>(frame));
+  }
+
+  const int64_t packet_bytes_;
+  const size_t frames_;
+  travik_decoder *decoders_[2] = {nullptr, nullptr};
+  std::deque<travik_packet *> packets_;
+  std::deque<void *> held_;
+  int64_t bytes_ = 0;
+};
+
 // Demuxes and decodes the whole input without a player, as fast as it goes:
-// the CPU seconds this takes are the work of the plugins alone.
-double decode_alone(const std::string &path) {
+// the CPU seconds this takes are the work of the plugins alone. With
+// nothing held, each packet is decoded while its bytes are still in the
+// processor's caches; holding as much as the player does, the plugins pay
+// the same cache misses and page faults as in playback.
+double decode_alone(const std::string &path, int64_t packet_bytes, size_t frames) {
   travik_io *io = travik_io_create(path.c_str());
   travik_demuxer *demuxer = travik_demuxer_create(io, nullptr);
   if (!demuxer || travik_demuxer_parseheader(demuxer) != 0) {
@@ -69,30 +155,14 @@ double decode_alone(const std::string &path) {
   const double start = cpu_seconds();
   for (int32_t i = 0; i < demuxer->stream_count && i < 2; i++)
     decoders[i] = travik_decoder_create(travik_demuxer_getstream(demuxer, i), nullptr);
-  for (;;) {
-    int32_t status = travik_demuxer_parse(demuxer, nullptr);
-    while (travik_packet *packet = travik_demuxer_pop(demuxer)) {
-      travik_decoder *decoder = packet->stream < 2 ? decoders[packet->stream] : nullptr;
-      if (decoder) {
-        travik_decoder_setsource(decoder, packet);
-        for (;;) {
-          void *frame = nullptr;
-          int32_t level = 0;
-          int32_t done = travik_decoder_decode(decoder, &level, &frame);
-          if (frame) {
-            if (*static_cast<int32_t *>(frame) == TRAVIK_FRAME_AUDIO)
-              static_cast<travik_audioframe *>(frame)->release(
-                  static_cast<travik_audioframe *>(frame));
-            else
-              static_cast<travik_videoframe *>(frame)->release(
-                  static_cast<travik_videoframe *>(frame));
-          }
-          if (done) break;
-        }
-      }
-      packet->release(packet);
+  {
+    Holding holding(packet_bytes, frames);
+    holding.set_decoders(decoders[0], decoders[1]);
+    for (;;) {
+      int32_t status = travik_demuxer_parse(demuxer, nullptr);
+      while (travik_packet *packet = travik_demuxer_pop(demuxer)) holding.add(packet);
+      if (status != 0) break;
     }
-    if (status != 0) break;
   }
   const double used = cpu_seconds() - start;
   for (travik_decoder *decoder : decoders)
@@ -102,18 +172,38 @@ double decode_alone(const std::string &path) {
   return used;
 }
 
-// CPU milliseconds of each thread of the process, in thread-id order (the
-// player's workers are made in the order audio output, video output,
-// demux, audio decode, video decode).
-std::vector<std::pair<int, double>> thread_cpu_ms() {
-  std::vector<std::pair<int, double>> threads;
+// One thread of the process: its id, CPU milliseconds and the times it
+// went to sleep (voluntary context switches).
+struct ThreadUse {
+  int id;
+  double cpu_ms;
+  long sleeps;
+  bool operator<(const ThreadUse &other) const { return id < other.id; }
+};
+
+long thread_sleeps(const std::string &task) {
+  FILE *f = fopen((task + "/status").c_str(), "r");
+  if (!f) return -1;
+  long sleeps = -1;
+  char line[256];
+  while (fgets(line, sizeof line, f))
+    if (sscanf(line, "voluntary_ctxt_switches: %ld", &sleeps) == 1) break;
+  fclose(f);
+  return sleeps;
+}
+
+// Each thread of the process, in thread-id order (the player's workers are
+// made in the order audio output, video output, demux, audio decode, video
+// decode).
+std::vector<ThreadUse> thread_use() {
+  std::vector<ThreadUse> threads;
   DIR *dir = opendir("/proc/self/task");
   if (!dir) return threads;
   const double tick_ms = 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
   while (struct dirent *entry = readdir(dir)) {
     if (entry->d_name[0] == '.') continue;
-    std::string path = std::string("/proc/self/task/") + entry->d_name + "/stat";
-    FILE *f = fopen(path.c_str(), "r");
+    const std::string task = std::string("/proc/self/task/") + entry->d_name;
+    FILE *f = fopen((task + "/stat").c_str(), "r");
     if (!f) continue;
     char line[1024];
     if (fgets(line, sizeof line, f)) {
@@ -123,7 +213,8 @@ std::vector<std::pair<int, double>> thread_cpu_ms() {
       unsigned long utime = 0, stime = 0;
       if (rest && sscanf(rest + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime,
                          &stime) == 2)
-        threads.push_back({atoi(entry->d_name), static_cast<double>(utime + stime) * tick_ms});
+        threads.push_back({atoi(entry->d_name), static_cast<double>(utime + stime) * tick_ms,
+                           thread_sleeps(task)});
     }
     fclose(f);
   }
@@ -139,10 +230,15 @@ bool wait_event(travik_player *player, int fd, int code, int ms) {
     travik_player_event event;
     while (travik_player_getevent(player, &event) == 0)
       if (event.code == code) return true;
+    // Asleep until an event comes: a polling application would add its
+    // own wake-ups to the CPU measured.
+    const long long left = end - wall_us();
+    if (left <= 0) break;
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
-    struct timeval wait = {0, 10000};
+    struct timeval wait = {static_cast<time_t>(left / 1000000),
+                           static_cast<suseconds_t>(left % 1000000)};
     select(fd + 1, &set, nullptr, nullptr, &wait);
   }
   return false;
@@ -151,16 +247,17 @@ bool wait_event(travik_player *player, int fd, int code, int ms) {
 // Waits for a flip after index `count` that happened after `after_us`;
 // returns its wall time, or -1.
 long long next_flip(RecordingVideo *video, size_t count, long long after_us, int ms) {
-  const long long end = wall_us() + ms * 1000LL;
-  while (wall_us() < end) {
-    {
-      std::lock_guard<std::mutex> hold(video->lock);
-      for (size_t i = count; i < video->flips.size(); i++)
-        if (video->flips[i].wall_us >= after_us) return video->flips[i].wall_us;
-    }
-    usleep(500);
-  }
-  return -1;
+  std::unique_lock<std::mutex> hold(video->lock);
+  long long found = -1;
+  video->flipped.wait_for(hold, std::chrono::milliseconds(ms), [&] {
+    for (size_t i = count; i < video->flips.size(); i++)
+      if (video->flips[i].wall_us >= after_us) {
+        found = video->flips[i].wall_us;
+        return true;
+      }
+    return false;
+  });
+  return found;
 }
 
 double percentile(std::vector<double> values, double share) {
@@ -198,7 +295,9 @@ int main(int argc, char **argv) {
   mallopt(M_TRIM_THRESHOLD, 256 << 20);
 
   travik_init();
-  const double decode_cpu = decode_alone(path);
+  const double decode_hot_cpu = decode_alone(path, 0, 0);
+  const double decode_cpu = decode_alone(path, kInputLimit, kPooledFrames);
+  reset_peak_rss();
 
   ClockedAudio audio;
   RecordingVideo video;
@@ -213,8 +312,7 @@ int main(int argc, char **argv) {
   description.video_args = MeasuringDevices::video_table();
   description.event_read_fd = fds[0];
   description.event_write_fd = fds[1];
-  // Two seconds of input held at most (about 140 MB of pictures).
-  description.input_limit = 2 * (1280 * 720 * 3 / 2 * 25 + 48000 * 4);
+  description.input_limit = kInputLimit;
   travik_player *player = travik_player_create(&description);
   if (!player || travik_player_open(player, path.c_str()) != 0) {
     fprintf(stderr, "engine_bench: cannot play %s\n", path.c_str());
@@ -229,7 +327,7 @@ int main(int argc, char **argv) {
   const bool ended = wait_event(player, fds[0], TRAVIK_EVENT_END, (kSeconds + 20) * 1000);
   const double wall = static_cast<double>(wall_us() - play_at) / 1e6;
   const double play_cpu = cpu_seconds() - cpu_start;
-  const std::vector<std::pair<int, double>> threads = thread_cpu_ms();
+  const std::vector<ThreadUse> threads = thread_use();
 
   std::vector<double> offsets;
   {
@@ -274,9 +372,14 @@ int main(int argc, char **argv) {
   printf("engine benchmark: 10 s of 1280x720 25 fps raw 4:2:0 + 48 kHz stereo 16-bit PCM\n");
   printf("%-44s %10s\n", "measure", "value");
   printf("%-44s %9.2f%%\n", "process CPU, share of one core", process_share);
-  printf("%-44s %9.2f%%\n", "demux + decode alone, share of one core", decode_share);
-  printf("%-44s %9.2f%%\n", "engine on top of decoding", process_share - decode_share);
-  printf("%-44s %7ld MiB\n", "peak RSS", peak_rss_kib() / 1024);
+  printf("%-44s %9.2f%%\n", "demux + decode alone, nothing held",
+         100.0 * decode_hot_cpu / kSeconds);
+  printf("%-44s %9.2f%%\n", "demux + decode alone, holding as the player",
+         decode_share);
+  printf("%-44s %9.2f%%\n", "engine on top of the latter", process_share - decode_share);
+  printf("%-44s %8.3f s\n", "CPU time of the playback", play_cpu);
+  printf("%-44s %8.3f s\n", "CPU time of demux + decode alone, holding", decode_cpu);
+  printf("%-44s %7ld MiB\n", "peak RSS of the playback and seeks", peak_rss_kib() / 1024);
   printf("%-44s %10zu\n", "pictures flipped with audio playing", offsets.size());
   printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p50", percentile(distance, 0.5));
   printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p99", percentile(distance, 0.99));
@@ -291,9 +394,9 @@ int main(int argc, char **argv) {
                                              "video output", "demux", "audio decode",
                                              "video decode"};
   if (threads.size() == 6) {
-    printf("CPU by thread over the whole run (ms):\n");
+    printf("by thread over the whole run:              CPU ms     sleeps\n");
     for (size_t i = 0; i < threads.size(); i++)
-      printf("  %-42s %9.0f\n", kThreadNames[i], threads[i].second);
+      printf("  %-38s %9.0f %10ld\n", kThreadNames[i], threads[i].cpu_ms, threads[i].sleeps);
   }
   if (!ended) printf("the end event did not come\n");
   return ended ? 0 : 1;

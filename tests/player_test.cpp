@@ -648,6 +648,20 @@ TEST_F(Player, NoBitRateAndNoCeilingEndsBufferingAtOnce) {
   EXPECT_EQ(payloads(TRAVIK_EVENT_BUFFERING), std::vector<int32_t>{100});
 }
 
+// Without a ceiling a size from the bit rate is still "above" the ceiling
+// of 0: half of 0 is gathered, so output starts on the first packet.
+TEST_F(Player, NoCeilingGathersNothingWhateverTheBitRate) {
+  desc_.input_limit = 0;
+  travik_test::StdoutCapture out;
+  open(audio_stream() + audio_packets(0, 2) + "hold\n", "bitrate 800000\npreroll 3000\n");
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_event(TRAVIK_EVENT_AUDIO_STARTED));
+  EXPECT_EQ(player_->prebuffer_normal, 0);
+  EXPECT_EQ(payloads(TRAVIK_EVENT_BUFFERING), std::vector<int32_t>{100});
+  travik_player_close(player_);
+  EXPECT_NE(out.text().find("Bitrate = 800000, Preroll = 3000, Size = 0\n"), std::string::npos);
+}
+
 TEST_F(Player, BufferingAnnouncedInStepsOfThree) {
   // 10000 bytes to gather, 100-byte video packets: 1 % each.
   std::string text = video_stream(8000);
@@ -854,6 +868,168 @@ TEST_F(Player, AudioMuteTimesAndDrops) {
   EXPECT_EQ(count(TRAVIK_EVENT_AUDIO_STARTED), 1);
   std::lock_guard<std::mutex> lock(audio_.mutex);
   for (int16_t value : audio_.samples) ASSERT_EQ(value, 0);  // only the flush's silence
+}
+
+// The late-frame rules and the speed rewrite of the output threads.
+
+// A 16 x 16 picture owned by a test, its first luma byte `value`.
+struct TestPicture {
+  uint8_t pixels[16 * 16 * 3 / 2] = {};
+  travik_videoframe frame;
+  explicit TestPicture(int64_t timestamp, uint8_t value = 1) {
+    travik_videoframe_init(&frame, nullptr);
+    frame.width = 16;
+    frame.height = 16;
+    frame.format = TRAVIK_PIXEL_YUV420P;
+    frame.planes[0] = pixels;
+    frame.planes[1] = pixels + 256;
+    frame.planes[2] = pixels + 256 + 64;
+    frame.pitches[0] = 16;
+    frame.pitches[1] = frame.pitches[2] = 8;
+    frame.timestamp = timestamp;
+    frame.info = 1;
+    pixels[0] = value;
+  }
+};
+
+// The rules alone, on a player record without threads.
+struct RulesPlayer {
+  travik_player player{};
+  RulesPlayer() { pthread_mutex_init(&player.video_out.mutex, nullptr); }
+  ~RulesPlayer() { pthread_mutex_destroy(&player.video_out.mutex); }
+};
+
+TEST(PlayerRules, FrameLaterThanTheDelayMarksTheNextLate) {
+  RulesPlayer rules;
+  travik_player *player = &rules.player;
+  // The device delay is 30 ms: 20 ms late is within it, 50 ms is not.
+  EXPECT_EQ(video_late_rules(player, -20, 30), 0);
+  EXPECT_EQ(player->late, 0);
+  EXPECT_EQ(video_late_rules(player, -30, 30), 0);
+  EXPECT_EQ(player->late, 0);
+  EXPECT_EQ(video_late_rules(player, 0, 30), 0);
+  EXPECT_EQ(player->late, 0);
+  EXPECT_EQ(video_late_rules(player, -50, 30), 0);
+  EXPECT_EQ(player->late, 1);
+}
+
+std::atomic<int32_t> g_pictures_released{0};
+int32_t count_release(travik_videoframe *) {
+  g_pictures_released++;
+  return 0;
+}
+
+TEST_F(Player, FrameAfterALateOneIsDropped) {
+  g_pictures_released = 0;
+  // One picture, more than the 10000 bytes to prebuffer, then nothing.
+  open(video_stream(1000) + packet(0, 0, 20000, TRAVIK_PACKET_KEY, 1) + "hold\n",
+       "bitrate 80000\npreroll 1000\n");
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_for([&] { return video_.flips == 1; }));
+  // The thread now waits for frames. Marked late, it drops the next one
+  // it takes, and only that one.
+  pthread_mutex_lock(&player_->video_out.mutex);
+  player_->late = 1;
+  pthread_mutex_unlock(&player_->video_out.mutex);
+  TestPicture dropped(40000, 7), shown(80000, 8);
+  dropped.frame.release = count_release;
+  shown.frame.release = count_release;
+  travik_list_append_lock(&player_->video_ready, &dropped.frame);
+  travik_list_append_lock(&player_->video_ready, &shown.frame);
+  ASSERT_TRUE(wait_for([&] { return video_.flips == 2; }));
+  EXPECT_EQ(video_.draws, 2);
+  EXPECT_EQ(video_.last_drawn, 8);
+  EXPECT_EQ(g_pictures_released, 1);
+  travik_player_close(player_);  // hands back the picture on screen
+  EXPECT_EQ(g_pictures_released, 2);
+}
+
+TEST(PlayerRules, LateAverageOfTheWaits) {
+  RulesPlayer rules;
+  travik_player *player = &rules.player;
+  // 40, 40, 40: the average stays 40 and each wait is slept whole.
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(video_late_rules(player, 40, 0), 40);
+    EXPECT_EQ(player->late_average, 40);
+  }
+  // A wait of 100 after an average of 40: (40 + 100) / 2 = 70 is slept.
+  EXPECT_EQ(video_late_rules(player, 100, 0), 70);
+  EXPECT_EQ(player->late_average, 70);
+  // A shorter wait is slept whole; the average still halves.
+  EXPECT_EQ(video_late_rules(player, 10, 0), 10);
+  EXPECT_EQ(player->late_average, 40);
+  // Late frames leave the average alone.
+  EXPECT_EQ(video_late_rules(player, -5, 0), 0);
+  EXPECT_EQ(player->late_average, 40);
+}
+
+TEST(PlayerRules, SpeedTimestampIsSinglePrecision) {
+  EXPECT_EQ(speed_timestamp(4000000, 2.0f), 2000000);
+  EXPECT_EQ(speed_timestamp(1000000, 0.5f), 2000000);
+  // 2^25 + 3 is 2^25 + 4 as a float: halved, 16777218, where an exact
+  // division would truncate to 16777217.
+  EXPECT_EQ(speed_timestamp(33554435, 2.0f), 16777218);
+}
+
+TEST_F(Player, VideoAtSpeedTwoIsTimedAtHalfItsTimestamp) {
+  open(video_stream(1000) + packet(0, 4000000, 100, TRAVIK_PACKET_KEY, 1));
+  EXPECT_EQ(travik_player_setspeed(player_, 2.0f), 0);
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_event(TRAVIK_EVENT_END));
+  pthread_mutex_lock(&player_->video_out.mutex);
+  int64_t shown = player_->current ? player_->current->timestamp : -1;
+  pthread_mutex_unlock(&player_->video_out.mutex);
+  EXPECT_EQ(shown, 2000000);
+  // The picture started the clock at its rewritten time.
+  int32_t elapsed = travik_schedule_elapsed(player_->schedule);
+  EXPECT_GE(elapsed, 2000);
+  EXPECT_LT(elapsed, 2000 + 1000);
+}
+
+std::mutex g_filter_mutex;
+std::vector<int64_t> g_filter_times;
+void record_time(void *, travik_audioframe *frame) {
+  std::lock_guard<std::mutex> lock(g_filter_mutex);
+  g_filter_times.push_back(frame->timestamp);
+}
+
+TEST_F(Player, AudioAtSpeedTwoIsTimedAtHalfItsTimestamp) {
+  open(audio_stream(1000) + audio_packets(0, 1));
+  travik_stream stream;
+  travik_stream_init(&stream);
+  stream.info.type = TRAVIK_STREAM_AUDIO;
+  stream.info.sample_rate = 8000;
+  stream.info.channels = 2;
+  player_->speed = 2.0f;
+  travik_audio_init(player_->audio_device, 8000, 2);
+  travik_pitch_scaling_init(player_->pitch, 8000, 2);
+  travik_pitch_scaling_setspeed(player_->pitch, 2.0f);
+  travik_schedule_initaudio(player_->schedule, player_->audio_device, &stream);
+  {
+    std::lock_guard<std::mutex> lock(g_filter_mutex);
+    g_filter_times.clear();
+  }
+  travik_audio_install_filter(player_->audio_device, record_time, nullptr);
+  // 8192 values: the scaler gives back at least two device buffers' worth.
+  std::vector<int16_t> samples(8192, 100);
+  travik_audioframe frame;
+  travik_audioframe_init(&frame, nullptr);
+  frame.samples = samples.data();
+  frame.count = 8192;
+  frame.timestamp = 4000000;
+  audio_play_scaled(player_, &frame);
+  travik_audio_remove_filter(player_->audio_device, record_time, nullptr);
+  // The schedule saw 2 s: audio started the clock there.
+  int32_t elapsed = travik_schedule_elapsed(player_->schedule);
+  EXPECT_GE(elapsed, 2000);
+  EXPECT_LT(elapsed, 2000 + 1000);
+  EXPECT_EQ(frame.timestamp, -1);
+  std::lock_guard<std::mutex> lock(g_filter_mutex);
+  // Every buffer handed to the device began in a write stamped -1: the
+  // running time starts there and only counts on.
+  ASSERT_FALSE(g_filter_times.empty());
+  EXPECT_EQ(g_filter_times[0], -1);
+  for (int64_t t : g_filter_times) EXPECT_LT(t, 1000000);
 }
 
 // ---------------------------------------------------------------- transport
@@ -1127,6 +1303,56 @@ TEST_F(Player, SubtitleOverlayRendersTheEntry) {
   travik_player_close(player_);
   EXPECT_EQ(travik_player_getobject(player_, 6), nullptr);
   EXPECT_EQ(travik_player_getobject(player_, 5), nullptr);
+}
+
+// The drawing over the pictures is made once per picture size and blits
+// into each frame's own planes.
+TEST_F(Player, OverlayBlitsIntoEveryFrameWithOneDrawingPerSize) {
+  g_entries_given = 1;  // the source has nothing more to give
+  create();
+  player_->font = travik_font_create("/fonts/font.twenty", 20, font_driver);
+  player_->subtitle = travik_subtitle_create("subs", &subtitle_driver);
+  // A rendered entry: 4 x 2 pixels of luma 200, fully covered.
+  travik_draw *image = travik_draw_create(4, 2, nullptr, nullptr, TRAVIK_PIXEL_YUV420P);
+  std::memset(image->mask, 255, 4 * 2);
+  for (int32_t y = 0; y < 2; y++) std::memset(image->planes[0] + y * image->pitches[0], 200, 4);
+  player_->subtitle_image = image;
+  // Through the device's draw, which runs its filters.
+  TestPicture first(0), second(40000);
+  travik_video_draw(player_->video_device, 0, 0, -1, -1, &first.frame);
+  void *target = player_->overlay_target;
+  ASSERT_NE(target, nullptr);
+  travik_video_draw(player_->video_device, 0, 0, -1, -1, &second.frame);
+  EXPECT_EQ(player_->overlay_target, target);
+  for (TestPicture *picture : {&first, &second}) {
+    // Centred on the bottom edge: columns 6 to 9 of rows 14 and 15.
+    for (int32_t y = 0; y < 16; y++) {
+      for (int32_t x = 0; x < 16; x++) {
+        bool inside = y >= 14 && x >= 6 && x < 10;
+        uint8_t expected = inside ? 200 : (x == 0 && y == 0 ? 1 : 0);
+        ASSERT_EQ(picture->pixels[y * 16 + x], expected) << x << "," << y;
+      }
+    }
+  }
+  // Another picture size gets a drawing of its own.
+  std::vector<uint8_t> wide(32 * 16 * 3 / 2, 0);
+  travik_videoframe frame = second.frame;
+  frame.width = 32;
+  frame.planes[0] = wide.data();
+  frame.planes[1] = wide.data() + 512;
+  frame.planes[2] = wide.data() + 512 + 128;
+  frame.pitches[0] = 32;
+  frame.pitches[1] = frame.pitches[2] = 16;
+  travik_video_draw(player_->video_device, 0, 0, -1, -1, &frame);
+  auto *resized = static_cast<travik_draw *>(player_->overlay_target);
+  ASSERT_NE(resized, nullptr);
+  EXPECT_EQ(resized->width, 32);
+  EXPECT_EQ(wide[15 * 32 + 14], 200);
+  player_->subtitle_image = nullptr;
+  travik_draw_destroy(image);
+  // Never opened: close would not take the subtitle source away.
+  travik_subtitle_destroy(player_->subtitle);
+  player_->subtitle = nullptr;
 }
 
 TEST_F(Player, HiddenSubtitlesAreNotRendered) {

@@ -6,6 +6,9 @@
 #include <util/fake_output.h>
 #include <util/testutil.h>
 
+#include <chrono>
+#include <thread>
+
 namespace {
 
 using travik_test::FakeAudio;
@@ -166,6 +169,32 @@ TEST_F(Schedule, VideoStartsClockBehindItsDelay) {
   int32_t elapsed = travik_schedule_elapsed(schedule_);
   EXPECT_GE(elapsed, 9970);
   EXPECT_LT(elapsed, 9970 + 1000);
+}
+
+// Nothing started the clock: video gives audio a head start of 100 ms.
+TEST_F(Schedule, IdleVideoWaitsForAudioHeadStart) {
+  travik_schedule_initvideo(schedule_, video_, &video_stream_);
+  auto before = std::chrono::steady_clock::now();
+  video_interval(10000000);
+  auto waited = std::chrono::steady_clock::now() - before;
+  EXPECT_GE(waited, std::chrono::milliseconds(99));
+}
+
+// Audio starting the clock ends that head start: the first picture is then
+// due with the first sound, not 100 ms late (which would also drop the
+// picture after it).
+TEST_F(Schedule, IdleVideoWaitEndsWhenAudioStartsClock) {
+  use_audio();
+  travik_schedule_initvideo(schedule_, video_, &video_stream_);
+  std::thread audio([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    audio_interval(10000000, 100);
+  });
+  int32_t wait = video_interval(10000000);
+  audio.join();
+  // Waiting the whole 100 ms out would give about -90.
+  EXPECT_GT(wait, -60);
+  EXPECT_LE(wait, 0);
 }
 
 TEST_F(Schedule, LateVideoWithoutAudioRebasesClock) {

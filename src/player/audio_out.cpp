@@ -27,24 +27,6 @@ void audio_setup(travik_player *player) {
   pthread_mutex_unlock(&player->audio_out.mutex);
 }
 
-// At other speeds the frame's own buffer receives the pitch scaler's
-// output, so one frame can become several writes.
-void play_scaled(travik_player *player, travik_audioframe *frame) {
-  float speed = player->speed;
-  frame->timestamp = static_cast<int64_t>(static_cast<float>(frame->timestamp) / speed);
-  int32_t room = 2 * frame->count;
-  travik_pitch_scaling_setsource(player->pitch, frame->samples, room);
-  for (;;) {
-    int32_t received = 0;
-    travik_pitch_scaling_get(player->pitch, frame->samples, room, &received);
-    if (received <= 0) break;
-    frame->count = received / 2;
-    travik_schedule_getaudiointerval(player->schedule, frame);  // moves the clock only
-    frame->timestamp = -1;
-    travik_audio_play(player->audio_device, frame);
-  }
-}
-
 void audio_out_pass(travik_player *player) {
   player_output_block *block = &player->audio_out;
   if (player->init_pending == 0 && player_end_test(player, output_running, block)) {
@@ -88,7 +70,7 @@ void audio_out_pass(travik_player *player) {
     travik_sleep_check(wait, output_running, block);
     if (!mute) travik_audio_play(player->audio_device, frame);
   } else {
-    play_scaled(player, frame);
+    audio_play_scaled(player, frame);
   }
   frame->release(frame);
 }

@@ -103,7 +103,10 @@ void push_or_release(travik_player *player, travik_packet *packet) {
 
 // Prebuffer size from the input's bit rate and preroll, in 32-bit
 // arithmetic. Without a size, or with one above the ceiling, half the
-// ceiling is gathered.
+// ceiling is gathered. The comparison is with the ceiling as it stands: an
+// input_limit of 0 (no ceiling) is below any size, so without a ceiling
+// the target is always 0 and output starts on the first packet. Players
+// that want a prebuffer set a ceiling (travik-play does).
 int32_t prebuffer_size(travik_player *player, int32_t *preroll_out) {
   travik_demuxer *demuxer = player->demuxer;
   int32_t preroll = demuxer->fixed_preroll >= 1 ? demuxer->fixed_preroll : demuxer->preroll;

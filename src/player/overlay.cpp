@@ -18,13 +18,33 @@ namespace {
 const int32_t kTextFlags = TRAVIK_DRAW_HCENTER | TRAVIK_DRAW_VCENTER;  // 36
 const uint32_t kWhite = 0xFFFFFFFFu;
 
-// Blits the rendered entry into the frame, centred and on the bottom edge.
-void overlay_blit(travik_draw *image, travik_videoframe *frame) {
-  travik_draw *target =
+// The drawing over the frame's own picture. One is kept per picture size
+// and format, as making one allocates and clears a coverage mask as large
+// as the picture; for each frame it is pointed at that frame's planes
+// (those it took at creation). The mask is only written by blits, so what
+// an earlier frame left in it does not matter.
+travik_draw *overlay_target(travik_player *player, travik_videoframe *frame) {
+  auto *target = static_cast<travik_draw *>(player->overlay_target);
+  if (target && target->width == frame->width && target->height == frame->height &&
+      target->format == frame->format) {
+    for (int k = 0; k < 3; k++) {
+      if (!target->planes[k]) continue;
+      target->planes[k] = frame->planes[k];
+      target->pitches[k] = frame->pitches[k];
+    }
+    return target;
+  }
+  if (target) travik_draw_destroy(target);
+  target =
       travik_draw_create(frame->width, frame->height, frame->planes, frame->pitches, frame->format);
-  travik_draw_blit(target, (frame->width - image->width) / 2, frame->height - image->height,
-                   image->width, image->height, image, 0, 0);
-  travik_draw_destroy(target);
+  player->overlay_target = target;
+  return target;
+}
+
+// Blits the rendered entry into the frame, centred and on the bottom edge.
+void overlay_blit(travik_player *player, travik_draw *image, travik_videoframe *frame) {
+  travik_draw_blit(overlay_target(player, frame), (frame->width - image->width) / 2,
+                   frame->height - image->height, image->width, image->height, image, 0, 0);
 }
 
 // Renders every line of the entry, centred, one below the other.
@@ -81,7 +101,7 @@ int32_t subtitle_overlay(void *data, travik_videoframe *frame) {
   auto *player = static_cast<travik_player *>(data);
   if (!frame || player->subtitle_visible == 0 || !player->subtitle || !player->font) return 0;
   auto *image = static_cast<travik_draw *>(player->subtitle_image);
-  if (image) overlay_blit(image, frame);
+  if (image) overlay_blit(player, image, frame);
   if (!player->subtitle_item) {
     travik_subtitle_parse(player->subtitle, &player->subtitle_item);
     if (!player->subtitle_item) return 0;
@@ -118,6 +138,8 @@ void overlay_close(travik_player *player) {
 void overlay_destroy(travik_player *player) {
   if (player->font) travik_font_destroy(player->font);
   player->font = nullptr;
+  if (player->overlay_target) travik_draw_destroy(static_cast<travik_draw *>(player->overlay_target));
+  player->overlay_target = nullptr;
 }
 
 extern "C" {

@@ -132,6 +132,7 @@ struct travik_player {
   travik_subtitle *subtitle;
   void *subtitle_item;
   void *subtitle_image;
+  void *overlay_target;         // the drawing over the frames' pictures, kept per size
   travik_font *font;
 
   int32_t event_read_fd;
@@ -228,5 +229,56 @@ void overlay_attach_beside(travik_player *player, const char *url);
 void overlay_seek(travik_player *player, int32_t position);
 // Releases the entry shown and destroys the subtitle source (close).
 void overlay_close(travik_player *player);
-// Destroys the font (destroy).
+// Destroys the font and the drawing over the pictures (destroy).
 void overlay_destroy(travik_player *player);
+
+// ---- output timing rules -------------------------------------------------------
+// Inline, as they are the rules the tests check one by one; the library
+// hides its internal functions from them.
+
+// An output timestamp at a speed other than 1.0: timestamp / speed in
+// single precision (speeds are floats), truncated back.
+inline int64_t speed_timestamp(int64_t timestamp, float speed) {
+  return static_cast<int64_t>(static_cast<float>(timestamp) / speed);
+}
+
+// The late-frame rules for a wait (ms) the schedule gave a video frame, with
+// the device's delay (ms, only read when the wait is 0 or less). Returns the
+// milliseconds to sleep. A frame later than the delay marks the next frame
+// to be dropped (`late`). A positive wait is added to `late_average`, which
+// halves whenever the old average was positive, and the smaller of the
+// average and the wait is slept.
+inline int32_t video_late_rules(travik_player *player, int32_t wait, int32_t delay) {
+  if (wait <= 0) {
+    if (wait < -delay) {
+      pthread_mutex_lock(&player->video_out.mutex);
+      player->late = 1;
+      pthread_mutex_unlock(&player->video_out.mutex);
+    }
+    return 0;
+  }
+  int32_t average = player->late_average + wait;
+  if (average > wait) average /= 2;
+  player->late_average = average;
+  return average < wait ? average : wait;
+}
+
+// Plays an audio frame at a speed other than 1.0 through the pitch scaler.
+// Its timestamp is divided by the speed before the schedule sees it; the
+// frame's own buffer receives the scaler's output, so one frame can become
+// several writes, and each of them carries timestamp -1. The schedule is
+// asked for its effect on the clock only: nothing waits.
+inline void audio_play_scaled(travik_player *player, travik_audioframe *frame) {
+  frame->timestamp = speed_timestamp(frame->timestamp, player->speed);
+  int32_t room = 2 * frame->count;
+  travik_pitch_scaling_setsource(player->pitch, frame->samples, room);
+  for (;;) {
+    int32_t received = 0;
+    travik_pitch_scaling_get(player->pitch, frame->samples, room, &received);
+    if (received <= 0) break;
+    frame->count = received / 2;
+    travik_schedule_getaudiointerval(player->schedule, frame);
+    frame->timestamp = -1;
+    travik_audio_play(player->audio_device, frame);
+  }
+}

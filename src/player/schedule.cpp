@@ -4,7 +4,7 @@
 #include <travik/timeval.h>
 
 #include <pthread.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -22,11 +22,13 @@ struct travik_schedule {
   travik_stream *video_stream;
   travik_stream *audio_stream;
   pthread_mutex_t mutex;
+  pthread_cond_t based;    // signalled when a first frame sets a base
 };
 
 namespace {
 
 const int32_t kDefaultFrameDuration = 41;
+const int32_t kIdleWaitMs = 100;
 
 bool started(const travik_time &start) { return start.tv_sec != 0 && start.tv_usec != 0; }
 
@@ -56,6 +58,26 @@ void start_clock(travik_schedule *s, int32_t offset) {
   }
 }
 
+// The head start video gives audio when nothing has started the clock:
+// up to 100 ms, ended early as soon as a first frame sets a base. Sitting
+// the whole 100 ms out after audio has started would show the first
+// picture that much late, and the late-frame rule would then drop the
+// next one.
+void wait_for_base(travik_schedule *s) {
+  struct timespec until;
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_nsec += static_cast<long>(kIdleWaitMs) * 1000000L;
+  if (until.tv_nsec >= 1000000000L) {
+    until.tv_sec += 1;
+    until.tv_nsec -= 1000000000L;
+  }
+  pthread_mutex_lock(&s->mutex);
+  while (s->audio_base == -1 && s->video_base == -1) {
+    if (pthread_cond_timedwait(&s->based, &s->mutex, &until) != 0) break;
+  }
+  pthread_mutex_unlock(&s->mutex);
+}
+
 }  // namespace
 
 extern "C" {
@@ -63,6 +85,11 @@ extern "C" {
 travik_schedule *travik_schedule_create(void) {
   auto *s = static_cast<travik_schedule *>(std::calloc(1, sizeof(travik_schedule)));
   pthread_mutex_init(&s->mutex, nullptr);
+  pthread_condattr_t attributes;
+  pthread_condattr_init(&attributes);
+  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+  pthread_cond_init(&s->based, &attributes);
+  pthread_condattr_destroy(&attributes);
   s->audio_base = -1;
   s->video_base = -1;
   s->frame_duration = kDefaultFrameDuration;
@@ -71,6 +98,7 @@ travik_schedule *travik_schedule_create(void) {
 }
 
 void travik_schedule_destroy(travik_schedule *schedule) {
+  pthread_cond_destroy(&schedule->based);
   pthread_mutex_destroy(&schedule->mutex);
   std::free(schedule);
 }
@@ -146,6 +174,7 @@ int32_t travik_schedule_getaudiointerval(travik_schedule *schedule, travik_audio
     travik_audio_reset(schedule->audio);
     schedule->audio_last = frame->timestamp;
     schedule->audio_written += static_cast<uint32_t>(frame->count);
+    pthread_cond_signal(&schedule->based);
     pthread_mutex_unlock(&schedule->mutex);
     return wait - delay < 0 ? 0 : static_cast<int32_t>(wait - delay);
   }
@@ -177,7 +206,7 @@ int32_t travik_schedule_getvideointerval(travik_schedule *schedule, travik_video
   pthread_mutex_unlock(&schedule->mutex);
   int32_t delay = video ? travik_video_getdelay(video) : 0;
   // Nothing has started the clock yet: give audio a head start.
-  if (idle) usleep(100000);
+  if (idle) wait_for_base(schedule);
   pthread_mutex_lock(&schedule->mutex);
   if (schedule->video_base == -1) {
     if (frame->timestamp == -1) {
@@ -189,6 +218,7 @@ int32_t travik_schedule_getvideointerval(travik_schedule *schedule, travik_video
     }
     schedule->video_base = frame->timestamp / 1000;
     schedule->video_last = frame->timestamp;
+    pthread_cond_signal(&schedule->based);
   } else {
     // A frame without a time follows the last one by the frame duration,
     // added to the microsecond value as it stands.

@@ -23,24 +23,11 @@ void video_setup(travik_player *player, travik_videoframe *frame) {
 // this one is later than the device's delay.
 void video_wait(travik_player *player, travik_videoframe *frame) {
   float speed = player->speed;
-  if (speed != 1.0f) {
-    frame->timestamp = static_cast<int64_t>(static_cast<float>(frame->timestamp) / speed);
-  }
+  if (speed != 1.0f) frame->timestamp = speed_timestamp(frame->timestamp, speed);
   int32_t wait = travik_schedule_getvideointerval(player->schedule, frame);
-  if (wait <= 0) {
-    int32_t delay = travik_video_getdelay(player->video_device);
-    if (wait < -delay) {
-      pthread_mutex_lock(&player->video_out.mutex);
-      player->late = 1;
-      pthread_mutex_unlock(&player->video_out.mutex);
-    }
-    return;
-  }
-  // The running average halves whenever the old average was positive.
-  int32_t average = player->late_average + wait;
-  if (average > wait) average /= 2;
-  player->late_average = average;
-  travik_sleep_check(average < wait ? average : wait, output_running, &player->video_out);
+  int32_t delay = wait <= 0 ? travik_video_getdelay(player->video_device) : 0;
+  int32_t sleep = video_late_rules(player, wait, delay);
+  if (sleep > 0) travik_sleep_check(sleep, output_running, &player->video_out);
 }
 
 void video_out_pass(travik_player *player) {

@@ -22,6 +22,7 @@
 #include <travik/video.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <mutex>
 #include <vector>
@@ -65,6 +66,7 @@ struct RecordingVideo {
   // Microseconds between two pictures of the avtest input played.
   int64_t frame_us = 40000;
   std::mutex lock;
+  std::condition_variable flipped;  // notified at every flip recorded
   int64_t drawn = -1;  // timestamp of the last picture drawn
   std::vector<Flip> flips;
 };
@@ -93,10 +95,11 @@ class MeasuringDevices {
   static int32_t audio_write(void *handle, const void *data, int32_t bytes) {
     auto *a = static_cast<ClockedAudio *>(handle);
     if (a->stopped()) return 0;
-    const int32_t n =
-        a->clock.write(static_cast<const uint8_t *>(data), bytes, [](const uint8_t *, int32_t) {});
-    a->accepted += n;
-    return n;
+    // Counted piece by piece as the device takes them: a write blocks until
+    // the device has room for all of it, and bytes already queued must not
+    // be missing from the position while it waits for the rest.
+    return a->clock.write(static_cast<const uint8_t *>(data), bytes,
+                          [a](const uint8_t *, int32_t piece) { a->accepted += piece; });
   }
   static int32_t audio_getformat(void *handle, int32_t *rate, int32_t *channels) {
     auto *a = static_cast<ClockedAudio *>(handle);
@@ -159,8 +162,11 @@ class MeasuringDevices {
     auto *v = static_cast<RecordingVideo *>(handle);
     const int64_t audio = audio_ ? audio_->position_us() : -1;
     const long long now = wall_us();
-    std::lock_guard<std::mutex> hold(v->lock);
-    if (v->drawn >= 0) v->flips.push_back({v->drawn, audio, now});
+    {
+      std::lock_guard<std::mutex> hold(v->lock);
+      if (v->drawn >= 0) v->flips.push_back({v->drawn, audio, now});
+    }
+    v->flipped.notify_one();
     return 0;
   }
   static int32_t video_getdelay(void *) { return 0; }

@@ -98,10 +98,12 @@ class DeviceClock {
         left -= take;
         continue;
       }
-      // Wait until the device has drained enough for the next piece, a
-      // little at a time.
+      // Wait until the device has drained enough for the rest, in one
+      // sleep where that is short enough (as a device that wakes its
+      // writer once a period), else 25 ms at a time so that a reset from
+      // another thread is seen soon.
       int64_t wait_ns = short_by / frame * 1000000000LL / rate;
-      if (wait_ns > 10000000) wait_ns = 10000000;
+      if (wait_ns > 25000000) wait_ns = 25000000;
       if (wait_ns < 200000) wait_ns = 200000;
       struct timespec pause = {0, static_cast<long>(wait_ns)};
       nanosleep(&pause, nullptr);
