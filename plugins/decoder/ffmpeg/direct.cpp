@@ -7,9 +7,10 @@
 
 namespace ffdirect {
 
-// A frame lent to libavcodec: what it needs to go back to its allocator.
-// While lent, the frame's release is lent_release; its reference count
-// holds one reference for libavcodec's buffer plus those of its holders.
+// A frame of the allocator made at the padded size: what it needs to go back
+// to its allocator. Meanwhile the frame's release is lent_release, and its
+// reference count holds those of its holders plus, while libavcodec renders
+// into it or keeps it, one for libavcodec's buffer.
 struct Lent {
   travik_videoframe *frame;  // null: slot free
   int32_t (*release)(travik_videoframe *);  // the allocator's own
@@ -149,7 +150,7 @@ int get_buffer(AVCodecContext *ctx, AVFrame *picture, int flags) {
     } else {
       if (!direct->pool || !(direct->pool_geometry.same_size(g))) {
         av_buffer_pool_uninit(&direct->pool);  // its buffers stay until let go
-        direct->pool = av_buffer_pool_init(buffer_size(g), nullptr);
+        direct->pool = av_buffer_pool_init(buffer_size(g), av_buffer_allocz);
         direct->pool_geometry = g;
       }
       picture->buf[0] = av_buffer_pool_get(direct->pool);
@@ -188,13 +189,46 @@ void install(Direct *direct, AVCodecContext *ctx) {
   ctx->get_buffer2 = get_buffer;
 }
 
+// The size libavcodec gives get_buffer2 for the stream's pictures: the
+// larger of the picture's and the coded size; 0 when pictures are not
+// rendered through get_buffer, and for sizes whose frames did not fit.
+bool lending_size(const Direct *direct, const AVCodecContext *ctx, int32_t *width,
+                  int32_t *height) {
+  if (ctx->get_buffer2 != get_buffer || !is_420(ctx->pix_fmt)) return false;
+  *width = FFMAX(ctx->width, ctx->coded_width);
+  *height = FFMAX(ctx->height, ctx->coded_height);
+  if (*width < 2 || *height < 2) return false;
+  return *width != direct->unfit_width || *height != direct->unfit_height;
+}
+
+// A frame of the allocator at the padded size, lent: null when the
+// allocator has none or its frames do not fit (then not asked again for
+// that size).
+Lent *padded_frame(Direct *direct, AVCodecContext *ctx, int32_t coded_width,
+                   int32_t coded_height) {
+  const Geometry g = geometry_of(ctx, coded_width, coded_height);
+  travik_videoframe templ;
+  travik_videoframe_init(&templ, nullptr);
+  templ.format = TRAVIK_PIXEL_YUV420P;
+  templ.width = g.width;
+  templ.height = g.height;
+  travik_decoder_allocator *allocator = direct->decoder->allocator;
+  auto *frame = static_cast<travik_videoframe *>(allocator->alloc(allocator->user, &templ));
+  if (!frame) return nullptr;
+  if (!fits(frame, g)) {
+    frame->release(frame);
+    direct->unfit_width = coded_width;
+    direct->unfit_height = coded_height;
+    return nullptr;
+  }
+  Lent *lent = lend(frame, direct, coded_width, coded_height);
+  if (!lent) frame->release(frame);
+  return lent;
+}
+
 void prepare(Direct *direct, AVCodecContext *ctx) {
-  if (ctx->get_buffer2 != get_buffer || !is_420(ctx->pix_fmt)) return;
-  // The size libavcodec gives get_buffer2: the larger of the picture's and
-  // the coded size.
-  const int32_t coded_width = FFMAX(ctx->width, ctx->coded_width);
-  const int32_t coded_height = FFMAX(ctx->height, ctx->coded_height);
-  if (coded_width < 2 || coded_height < 2) return;
+  int32_t coded_width, coded_height;
+  if (!lending_size(direct, ctx, &coded_width, &coded_height)) return;
   Lent *stale = nullptr;
   {
     std::lock_guard<std::mutex> hold(direct->lock);
@@ -208,31 +242,28 @@ void prepare(Direct *direct, AVCodecContext *ctx) {
     direct->held.fetch_sub(1);
     drop(stale);
   }
-  if (coded_width == direct->unfit_width && coded_height == direct->unfit_height) return;
   if (direct->held.load() >= kLimit) return;
-  const Geometry g = geometry_of(ctx, coded_width, coded_height);
-  travik_videoframe templ;
-  travik_videoframe_init(&templ, nullptr);
-  templ.format = TRAVIK_PIXEL_YUV420P;
-  templ.width = g.width;
-  templ.height = g.height;
-  travik_decoder_allocator *allocator = direct->decoder->allocator;
-  auto *frame = static_cast<travik_videoframe *>(allocator->alloc(allocator->user, &templ));
-  if (!frame) return;
-  if (!fits(frame, g)) {
-    frame->release(frame);
-    direct->unfit_width = coded_width;
-    direct->unfit_height = coded_height;
-    return;
-  }
-  Lent *lent = lend(frame, direct, coded_width, coded_height);
-  if (!lent) {
-    frame->release(frame);
-    return;
-  }
+  Lent *lent = padded_frame(direct, ctx, coded_width, coded_height);
+  if (!lent) return;
   direct->held.fetch_add(1);
   std::lock_guard<std::mutex> hold(direct->lock);
   direct->reserve = lent;
+}
+
+travik_videoframe *allocate(Direct *direct, AVCodecContext *ctx, travik_videoframe *templ) {
+  int32_t coded_width, coded_height;
+  if (lending_size(direct, ctx, &coded_width, &coded_height)) {
+    if (Lent *lent = padded_frame(direct, ctx, coded_width, coded_height)) {
+      travik_videoframe *frame = lent->frame;
+      frame->width = templ->width;
+      frame->height = templ->height;
+      frame->timestamp = templ->timestamp;
+      frame->info = templ->info;
+      return frame;
+    }
+  }
+  travik_decoder_allocator *allocator = direct->decoder->allocator;
+  return static_cast<travik_videoframe *>(allocator->alloc(allocator->user, templ));
 }
 
 travik_videoframe *take(const AVFrame *picture, int32_t width, int32_t height, int64_t timestamp,

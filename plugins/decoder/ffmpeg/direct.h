@@ -21,6 +21,9 @@
 // (avcodec_align_dimensions2 of the coded size) and handed out at the
 // picture's own size; it goes back to the allocator at the size it was made
 // at, once both libavcodec and every holder of the frame have let it go.
+// Frames that pictures are copied into are asked at that size as well (the
+// allocator's frames thus keep one size and are not made again) and go back
+// the same way.
 #pragma once
 
 #include <travik/decoder.h>
@@ -73,6 +76,11 @@ void install(Direct *direct, AVCodecContext *ctx);
 // Decoding thread, before a packet is sent: takes a frame into reserve when
 // none waits and the limit allows.
 void prepare(Direct *direct, AVCodecContext *ctx);
+
+// A frame to copy a picture into, of the template's size, time and info.
+// While pictures are lent, it is asked at the lent frames' padded size too,
+// so that the allocator's frames keep one size whichever way they serve.
+travik_videoframe *allocate(Direct *direct, AVCodecContext *ctx, travik_videoframe *templ);
 
 // The frame a decoded picture was rendered into, ready to be handed out
 // with the given size, time and info; null when the picture lives in

@@ -196,8 +196,7 @@ void *video_frame(Dec *d, const AVFrame *f) {
     d->direct.direct++;
     return lent;
   }
-  travik_decoder_allocator *allocator = d->decoder->allocator;
-  auto *out = static_cast<travik_videoframe *>(allocator->alloc(allocator->user, &templ));
+  travik_videoframe *out = ffdirect::allocate(&d->direct, d->ctx, &templ);
   if (!out) return nullptr;
   out->info = templ.info;
   out->timestamp = templ.timestamp;
