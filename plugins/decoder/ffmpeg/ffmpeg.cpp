@@ -7,9 +7,8 @@
 // the decoder's allocator: non-reference 4:2:0 pictures are decoded straight
 // into them where the allocator's frames suit libavcodec (direct.h), other
 // 4:2:0 pictures are copied plane by plane, every other layout is converted
-// with libswscale. Odd picture sizes lose their
-// last column or line, since a 4:2:0 frame of the allocator holds whole
-// chroma samples only. Full-range 4:2:0 (JPEG) pictures are passed on
+// with libswscale. Odd picture sizes lose their last column or line, since a
+// 4:2:0 frame of the allocator holds whole chroma samples only. Full-range 4:2:0 (JPEG) pictures are passed on
 // unchanged. `info` is 1 on key frames. The frame argument of
 // travik_decoder_decode() is a pointer to the skip level (int32_t): 0
 // decodes everything, 1 skips the loop filter on non-reference frames, 2
