@@ -21,8 +21,10 @@ extern "C" {
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -1298,6 +1300,58 @@ TEST(FFmpegNetwork, HlsPlaylistOverHttpPlaysAndSeeks) {
   EXPECT_EQ(r.picture_times.size(), 75u);
   EXPECT_NEAR(static_cast<double>(r.duration), 3000, 200);
   check_seek(server.url("list.m3u8"), 1000);
+}
+
+// True once something listens on 127.0.0.1:port (from /proc/net/tcp, so
+// that looking does not take the server's one connection).
+bool listening(int port) {
+  char wanted[32];
+  std::snprintf(wanted, sizeof wanted, "0100007F:%04X", port);
+  std::istringstream table(travik_test::read_file("/proc/net/tcp"));
+  std::string line;
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string slot, local, remote, state;
+    fields >> slot >> local >> remote >> state;
+    if (local == wanted && state == "0A") return true;
+  }
+  return false;
+}
+
+// An RTMP stream served by the ffmpeg tool in listen mode: libavformat's
+// own protocol behind the demuxer's "rtmp" scheme.
+TEST(FFmpegNetwork, RtmpStreamPlaysLive) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path =
+      make_clip("seek.mp4", std::string(kLongVideo) + " -pix_fmt yuv420p -c:v libx264 -preset ultrafast -g 5");
+  int probe = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr *>(&address), length), 0);
+  ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length), 0);
+  close(probe);
+  const int port = ntohs(address.sin_port);
+  const std::string url = "rtmp://127.0.0.1:" + std::to_string(port) + "/live/clip";
+  pid_t server = fork();
+  if (server == 0) {
+    execlp("ffmpeg", "ffmpeg", "-v", "quiet", "-nostdin", "-i", path.c_str(), "-c", "copy", "-f",
+           "flv", "-listen", "1", url.c_str(), static_cast<char *>(nullptr));
+    _exit(127);
+  }
+  ASSERT_GT(server, 0);
+  for (int i = 0; i < 500 && !listening(port); i++) usleep(10000);
+  ASSERT_TRUE(listening(port)) << "the ffmpeg tool did not listen on " << url;
+  Result r = play(url);
+  kill(server, SIGTERM);
+  waitpid(server, nullptr, 0);
+  EXPECT_EQ(r.demuxer, "FFmpeg demuxer (libavformat)");
+  EXPECT_EQ(r.video.codec, TRAVIK_CODEC_H264);
+  EXPECT_EQ(r.seekable, 0);
+  // A live input: no known duration and no seeking.
+  EXPECT_NE(r.flags & TRAVIK_DEMUXER_NOSEEK, 0);
+  EXPECT_EQ(our_video(r), reference_video(path));
 }
 
 }  // namespace

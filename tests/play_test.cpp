@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -188,6 +189,19 @@ TEST(Play, MonoEightBitWavIsWidenedToSixteenBits) {
   EXPECT_EQ(out.rate, 8000u);
   EXPECT_EQ(out.channels, 1u);
   expect_played(out.data, expected);
+}
+
+TEST(Play, RelativePluginDirectoryIsTakenFromTheWorkingDirectory) {
+  TempDir dir;
+  std::string samples = noise(4000, 4);
+  write_file(dir.file("in.wav"), wav_file(16000, 1, 16, samples));
+  const std::string relative =
+      std::filesystem::relative(kPlugins, std::filesystem::current_path()).string();
+  ASSERT_NE(relative.front(), '/');
+  Result r = play(dir, {"-q", "-a", "wav:" + dir.file("out.wav"), dir.file("in.wav")},
+                  relative.c_str());
+  ASSERT_EQ(r.status, 0) << r.err;
+  expect_played(read_wav(dir.file("out.wav")).data, samples);
 }
 
 TEST(Play, OptionsMayFollowTheFile) {

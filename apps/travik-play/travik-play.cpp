@@ -31,10 +31,14 @@ namespace {
 const char kName[] = "travik-play";
 const char kDefaultFont[] = "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
 
-// The ceiling on demuxed data held in memory. It also sets the prebuffer:
-// the input's bit rate times its preroll, or half the ceiling when that is
-// more (without a ceiling there would be no prebuffering at all).
-constexpr int32_t kInputLimit = 8 << 20;
+// The ceiling on demuxed data held in memory, in KiB. It also sets the
+// prebuffer: the input's bit rate times its preroll, or half the ceiling
+// when that is more (without a ceiling there would be no prebuffering).
+constexpr long kInputLimitKiB = 4096;
+// Decoded pictures queued ahead of the screen. The library's default of 15
+// (+2 spare) costs 53 MB at 1080p; 4 (+2) pictures are 133 ms of lead at
+// 30 fps, plenty for a decoder that keeps up, at a third of the memory.
+constexpr long kVideoFrames = 4;
 
 // Exit statuses.
 constexpr int kExitOk = 0;
@@ -69,6 +73,8 @@ void usage(FILE *out) {
           "  --sub FILE      subtitles from FILE (default: a subtitle file beside the input)\n"
           "  --font FILE     subtitle font (default %s)\n"
           "  --font-size N   subtitle font size in pixels (default 24)\n"
+          "  --buffer KB     keep at most KB KiB of demuxed data in memory (default %ld)\n"
+          "  --frames N      decoded pictures queued ahead of the screen (default %ld)\n"
           "  --commands TEXT scripted control, commands separated by \";\":\n"
           "                    play, pause, seek MS, forward MS, back MS, speed X, mute,\n"
           "                    hold, subtitles, exact, update, sleep MS, quit\n"
@@ -87,7 +93,7 @@ void usage(FILE *out) {
           "Exit status: 0 played to the end (or quit), 1 the input could not be opened\n"
           "or playing it failed (an error event), 2 usage error, 3 no decoder for a\n"
           "stream, 130 interrupted.\n",
-          kName, kName, kDefaultFont);
+          kName, kName, kDefaultFont, kInputLimitKiB, kVideoFrames);
 }
 
 FILE *out_stream = stdout;  // where the player's own messages go
@@ -146,6 +152,8 @@ struct Options {
   const char *subtitle = nullptr;
   const char *font = kDefaultFont;
   long font_size = 24;
+  long buffer_kib = kInputLimitKiB;
+  long video_frames = kVideoFrames;
   const char *commands = nullptr;
   const char *input = nullptr;
 };
@@ -207,7 +215,8 @@ int parse_options(int argc, char **argv, Options *o) {
     }
     // The options below take a value.
     static const char *const kWithValue[] = {"-a",   "-v",     "--start",     "--speed", "--sub",
-                                             "--font", "--font-size", "--commands"};
+                                             "--font", "--font-size", "--buffer",  "--frames",
+                                             "--commands"};
     bool known = false;
     for (const char *name : kWithValue) known = known || strcmp(arg, name) == 0;
     if (!known) {
@@ -240,6 +249,16 @@ int parse_options(int argc, char **argv, Options *o) {
     } else if (strcmp(arg, "--font-size") == 0) {
       if (!parse_long(value, 4, 512, &o->font_size)) {
         error("--font-size takes pixels from 4 to 512, not \"%s\"", value);
+        return kExitUsage;
+      }
+    } else if (strcmp(arg, "--buffer") == 0) {
+      if (!parse_long(value, 64, 1 << 20, &o->buffer_kib)) {
+        error("--buffer takes KiB from 64 to 1048576, not \"%s\"", value);
+        return kExitUsage;
+      }
+    } else if (strcmp(arg, "--frames") == 0) {
+      if (!parse_long(value, 1, 64, &o->video_frames)) {
+        error("--frames takes a count from 1 to 64, not \"%s\"", value);
         return kExitUsage;
       }
     } else {
@@ -308,7 +327,13 @@ bool is_directory(const std::string &path) {
 // without installing. An installed player, or TRAVIK_PLUGINS_DIR set by the
 // user, keeps the library's own plugin directories.
 void use_build_tree_plugins() {
-  if (getenv("TRAVIK_PLUGINS_DIR")) return;
+  if (const char *given = getenv("TRAVIK_PLUGINS_DIR")) {
+    // The library takes the variable as it stands and names plugins by
+    // paths relative to it, so a relative directory would be applied twice.
+    char resolved[PATH_MAX];
+    if (given[0] != '/' && realpath(given, resolved)) setenv("TRAVIK_PLUGINS_DIR", resolved, 1);
+    return;
+  }
   char exe[PATH_MAX];
   ssize_t length = readlink("/proc/self/exe", exe, sizeof exe - 1);
   if (length <= 0) return;
@@ -823,7 +848,8 @@ bool App::create_player() {
   description.video_args = video.open_argument();
   description.event_read_fd = pipe_[0];
   description.event_write_fd = pipe_[1];
-  description.input_limit = kInputLimit;
+  description.input_limit = static_cast<int32_t>(o_.buffer_kib * 1024);
+  description.video_frames = static_cast<int32_t>(o_.video_frames);
   player_ = travik_player_create(&description);
   if (!player_) {
     explain_outputs(audio, video);
