@@ -930,6 +930,20 @@ TEST(FFmpegDirect, FramesThatDoNotFitAreCopiedInto) {
   EXPECT_EQ(our_video(plain), reference_video(path));
 }
 
+// Applications whose frame pool is too small to lend frames turn lending off.
+TEST(FFmpegDirect, LendingCanBeTurnedOff) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = nonref_clip();
+  FramePool pool(false);
+  Result r;
+  setenv("TRAVIK_DECODER_DIRECT", "0", 1);
+  DirectCounts counts = decode_held(path, pool.allocator(), "1", r);
+  unsetenv("TRAVIK_DECODER_DIRECT");
+  EXPECT_EQ(counts.direct, 0);
+  EXPECT_EQ(counts.copied, 25);
+  EXPECT_EQ(our_video(r), reference_video(path));
+}
+
 // Reference pictures stay in libavcodec's buffers: H.264 without B-pictures
 // renders nothing directly.
 TEST(FFmpegDirect, ReferencePicturesAreCopied) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 
 namespace ffdirect {
@@ -185,6 +186,8 @@ bool debug() {
 
 void install(Direct *direct, AVCodecContext *ctx) {
   if (!(ctx->codec->capabilities & AV_CODEC_CAP_DR1)) return;
+  const char *wanted = std::getenv("TRAVIK_DECODER_DIRECT");
+  if (wanted && std::strcmp(wanted, "0") == 0) return;
   ctx->opaque = direct;
   ctx->get_buffer2 = get_buffer;
 }

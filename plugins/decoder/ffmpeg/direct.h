@@ -15,7 +15,11 @@
 // get_buffer2 callback (run by libavcodec's frame threads as well) only
 // hands out that reserve, never waiting. At most two frames are lent out or
 // in reserve at a time: the pool keeps two frames beyond the decode pass's
-// limit for frames the decoder keeps, so a lent frame never starves it.
+// limit for frames the decoder keeps. That spares the pool only when its
+// limit is 4 or more (the output holds the picture on screen until the next
+// one comes, and the decode pass waits once the limit is reached): with a
+// smaller pool the application sets TRAVIK_DECODER_DIRECT=0, which turns
+// lending off.
 //
 // A lent frame is asked of the allocator at the size libavcodec writes
 // (avcodec_align_dimensions2 of the coded size) and handed out at the
