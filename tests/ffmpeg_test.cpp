@@ -33,7 +33,9 @@ extern "C" {
 #include <cstring>
 #include <algorithm>
 #include <cctype>
+#include <deque>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -646,6 +648,26 @@ TEST(FFmpegDemuxer, NativeWavPluginKeepsItsFiles) {
   EXPECT_EQ(r.audio_decoder.rfind("PCM decoder", 0), 0u) << r.audio_decoder;
 }
 
+// A WAVE file in a format the native plugins cannot serve is left to the
+// FFmpeg plugins, and plays.
+TEST(FFmpegDemuxer, WavFormatsBeyondTheNativePluginsPlay) {
+  SKIP_WITHOUT_FFMPEG();
+  for (const char *codec : {"pcm_s24le", "pcm_s32le", "pcm_f32le"}) {
+    SCOPED_TRACE(codec);
+    const std::string path =
+        make_clip(std::string(codec) + ".wav", std::string(kAudio) + " -ac 2 -c:a " + codec);
+    Result r = play(path);
+    EXPECT_EQ(r.demuxer, "FFmpeg demuxer (libavformat)");
+    EXPECT_EQ(r.audio_decoder.rfind("FFmpeg decoder (", 0), 0u) << r.audio_decoder;
+    EXPECT_EQ(r.audio.channels, 2);
+    EXPECT_EQ(r.audio.sample_rate, 44100);
+    const std::string reference = reference_audio(path);
+    EXPECT_EQ(reference.size(), 44100u * 2 * 2);
+    EXPECT_TRUE(r.samples == reference)
+        << "ours " << r.samples.size() << " bytes, the tool's " << reference.size();
+  }
+}
+
 TEST(FFmpegDemuxer, ContentIsProbedWhateverTheExtension) {
   SKIP_WITHOUT_FFMPEG();
   // The extension only picks the candidates; libavformat reads the content.
@@ -849,6 +871,295 @@ TEST(FFmpegDecoder, OddSizesAndOtherLayoutsBecome420) {
   for (size_t i = 64 * 48; i < 64 * 48 * 3 / 2; i++)
     coloured = coloured || static_cast<uint8_t>(r.pictures[i]) != 128;
   EXPECT_TRUE(coloured);
+}
+
+// ---------------------------------------------------------------- direct rendering
+
+// A recycling frame pool in the manner of the player's, whose frames suit
+// libavcodec (planes and chroma lines on 64 bytes, luma lines twice the
+// chroma lines) unless `misaligned`, which moves every plane and pitch 8
+// bytes off. A frame handed out again is first scribbled
+// over, so that a frame given back while libavcodec still used it, or while
+// a holder still held it, would show in the pictures.
+class FramePool {
+ public:
+  explicit FramePool(bool misaligned) : misaligned_(misaligned) {}
+  ~FramePool() {
+    for (Slot *slot : slots_) {
+      std::free(slot->block);
+      delete slot;
+    }
+  }
+
+  travik_decoder_allocator *allocator() {
+    auto *a = static_cast<travik_decoder_allocator *>(std::malloc(sizeof(travik_decoder_allocator)));
+    a->user = this;
+    a->alloc = alloc;
+    a->destroy = [](travik_decoder_allocator *self) { std::free(self); };
+    return a;
+  }
+
+  int32_t made() {
+    std::lock_guard<std::mutex> hold(lock_);
+    return static_cast<int32_t>(slots_.size());
+  }
+  int32_t busy() {
+    std::lock_guard<std::mutex> hold(lock_);
+    int32_t n = 0;
+    for (Slot *slot : slots_) n += slot->busy ? 1 : 0;
+    return n;
+  }
+  // Frames given back with another size than they were made at.
+  int32_t resized() {
+    std::lock_guard<std::mutex> hold(lock_);
+    return resized_;
+  }
+
+ private:
+  struct Slot {
+    travik_videoframe frame;  // first: the frame's address is the slot's
+    FramePool *pool;
+    uint8_t *block;
+    size_t size;
+    uint8_t *planes[3];
+    int32_t pitches[3];
+    int32_t width, height;
+    bool busy;
+  };
+
+  static void *alloc(void *user, void *templ_data) {
+    auto *pool = static_cast<FramePool *>(user);
+    auto *templ = static_cast<travik_videoframe *>(templ_data);
+    std::lock_guard<std::mutex> hold(pool->lock_);
+    Slot *found = nullptr;
+    for (Slot *slot : pool->slots_)
+      if (!slot->busy && slot->width == templ->width && slot->height == templ->height) found = slot;
+    if (found) {
+      std::memset(found->block, 0x5A, found->size);
+    } else {
+      found = new Slot();
+      found->pool = pool;
+      found->width = templ->width;
+      found->height = templ->height;
+      const int32_t off = pool->misaligned_ ? 8 : 0;
+      const int32_t cw = (templ->width + 1) / 2, ch = (templ->height + 1) / 2;
+      found->pitches[1] = found->pitches[2] = ((cw + 63) & ~63) + off;
+      found->pitches[0] = 2 * found->pitches[1];
+      const size_t luma = static_cast<size_t>(found->pitches[0]) * templ->height + 64;
+      const size_t chroma = static_cast<size_t>(found->pitches[1]) * ch + 64;
+      found->size = luma + 2 * chroma + 64;
+      void *memory = nullptr;
+      EXPECT_EQ(posix_memalign(&memory, 64, found->size), 0);
+      found->block = static_cast<uint8_t *>(memory);
+      found->planes[0] = found->block + off;
+      found->planes[1] = found->block + luma + off;
+      found->planes[2] = found->block + luma + chroma + off;
+      pool->slots_.push_back(found);
+    }
+    found->busy = true;
+    travik_videoframe *f = &found->frame;
+    travik_videoframe_init(f, templ);
+    for (int p = 0; p < 3; p++) {
+      f->planes[p] = found->planes[p];
+      f->pitches[p] = found->pitches[p];
+    }
+    f->addref = [](travik_videoframe *frame) {
+      return __atomic_add_fetch(&frame->refcount, 1, __ATOMIC_ACQ_REL);
+    };
+    f->release = release;
+    return f;
+  }
+
+  static int32_t release(travik_videoframe *frame) {
+    const int32_t count = __atomic_sub_fetch(&frame->refcount, 1, __ATOMIC_ACQ_REL);
+    if (count == 0) {
+      auto *slot = reinterpret_cast<Slot *>(frame);
+      std::lock_guard<std::mutex> hold(slot->pool->lock_);
+      if (frame->width != slot->width || frame->height != slot->height) slot->pool->resized_++;
+      slot->busy = false;
+    }
+    return count;
+  }
+
+  bool misaligned_;
+  std::mutex lock_;
+  std::vector<Slot *> slots_;
+  int32_t resized_ = 0;
+};
+
+struct DirectCounts {
+  int pictures = -1, direct = -1, copied = -1;
+};
+
+// Decodes a clip's video with the decoder on `allocator`, holding the last
+// few pictures (as an output's queue does) and reading each only when it
+// lets it go. Returns the decoder's own counts, printed at its close.
+DirectCounts decode_held(const std::string &path, travik_decoder_allocator *allocator,
+                         const char *threads, Result &r) {
+  DirectCounts counts;
+  Player p;
+  if (!p.open(path, r)) {
+    allocator->destroy(allocator);
+    return counts;
+  }
+  travik_decoder_destroy(p.video);
+  setenv("TRAVIK_DECODER_THREADS", threads, 1);
+  {
+    travik_test::StdoutCapture quiet;
+    p.video = travik_decoder_create(p.video_stream, allocator);
+  }
+  unsetenv("TRAVIK_DECODER_THREADS");
+  if (!p.video) return counts;
+  std::deque<travik_videoframe *> held;
+  auto keep = [&](void *frame) {
+    held.push_back(static_cast<travik_videoframe *>(frame));
+    if (held.size() > 4) {
+      take_video(r, held.front());
+      held.pop_front();
+    }
+  };
+  auto decode = [&](travik_packet *packet) {
+    travik_decoder_setsource(p.video, packet);
+    for (int guard = 0; guard < 10000; guard++) {
+      void *frame = nullptr;
+      int32_t level = 0;
+      int32_t done = travik_decoder_decode(p.video, &level, &frame);
+      if (frame) {
+        keep(frame);
+        continue;
+      }
+      if (done || travik_decoder_empty(p.video)) break;
+    }
+  };
+  for (;;) {
+    int32_t status = travik_demuxer_parse(p.demuxer, nullptr);
+    while (travik_packet *packet = travik_demuxer_pop(p.demuxer)) {
+      if (packet->stream == p.video_stream->index) decode(packet);
+      packet->release(packet);
+    }
+    if (status) break;
+  }
+  travik_packet drain;
+  travik_packet_init(&drain);
+  decode(&drain);
+  setenv("TRAVIK_DEBUG", "1", 1);
+  std::string report;
+  {
+    travik_test::StderrCapture capture;
+    travik_decoder_destroy(p.video);
+    report = capture.text();
+  }
+  unsetenv("TRAVIK_DEBUG");
+  p.video = nullptr;
+  // Pictures held past the decoder's end stay whole.
+  while (!held.empty()) {
+    take_video(r, held.front());
+    held.pop_front();
+  }
+  const char *line = std::strstr(report.c_str(), "FFmpeg decoder: ");
+  if (line && std::sscanf(line, "FFmpeg decoder: %d pictures, %d rendered directly (%*d%%), %d copied",
+                          &counts.pictures, &counts.direct, &counts.copied) != 3)
+    counts = DirectCounts();
+  return counts;
+}
+
+// Non-reference B-pictures: the pictures the decoder may render directly.
+int count_b_pictures(const std::string &path) {
+  const std::string types = capture("ffprobe -v error -select_streams v:0 -show_entries "
+                                    "frame=pict_type -of csv=p=0 '" + path + "'");
+  return static_cast<int>(std::count(types.begin(), types.end(), 'B'));
+}
+
+std::string nonref_clip() {
+  // Without a B-pyramid no B-picture is a reference.
+  return make_clip("h264_nonref.mp4",
+                   std::string(kVideo) + " -pix_fmt yuv420p -c:v libx264 -preset medium -bf 2 "
+                   "-x264-params b-pyramid=none -g 10 -an");
+}
+
+TEST(FFmpegDirect, NonReferencePicturesGoStraightIntoFittingFrames) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = nonref_clip();
+  const int b_pictures = count_b_pictures(path);
+  ASSERT_GE(b_pictures, 10);  // 25 pictures, two B-pictures in three
+  FramePool pool(false);
+  Result r;
+  DirectCounts counts = decode_held(path, pool.allocator(), "1", r);
+  EXPECT_EQ(counts.pictures, 25);
+  EXPECT_EQ(counts.direct, b_pictures);
+  EXPECT_EQ(counts.copied, 25 - b_pictures);
+  EXPECT_EQ(our_video(r), reference_video(path));
+  EXPECT_EQ(r.width, 64);
+  EXPECT_EQ(r.height, 48);
+  EXPECT_EQ(pool.busy(), 0);      // every frame came back
+  EXPECT_EQ(pool.resized(), 0);   // at the size it was made at
+  EXPECT_LE(pool.made(), 10);     // and was reused
+}
+
+TEST(FFmpegDirect, FrameThreadsRenderDirectlyToo) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = nonref_clip();
+  const int b_pictures = count_b_pictures(path);
+  FramePool pool(false);
+  Result r;
+  DirectCounts counts = decode_held(path, pool.allocator(), "4", r);
+  EXPECT_EQ(counts.pictures, 25);
+  // Which pictures find a frame in reserve depends on the threads' timing.
+  EXPECT_GT(counts.direct, 0);
+  EXPECT_LE(counts.direct, b_pictures);
+  EXPECT_EQ(counts.direct + counts.copied, 25);
+  EXPECT_EQ(our_video(r), reference_video(path));
+  EXPECT_EQ(pool.busy(), 0);
+  EXPECT_EQ(pool.resized(), 0);
+}
+
+TEST(FFmpegDirect, FramesThatDoNotFitAreCopiedInto) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = nonref_clip();
+  FramePool pool(true);
+  Result r;
+  DirectCounts counts = decode_held(path, pool.allocator(), "1", r);
+  EXPECT_EQ(counts.pictures, 25);
+  EXPECT_EQ(counts.direct, 0);
+  EXPECT_EQ(counts.copied, 25);
+  EXPECT_EQ(our_video(r), reference_video(path));
+  EXPECT_EQ(pool.busy(), 0);
+  // The library's default frames have no room for the lines libavcodec
+  // writes beyond the picture: copied too.
+  Result plain;
+  DirectCounts defaults =
+      decode_held(path, travik_decoder_allocator_create(TRAVIK_STREAM_VIDEO), "1", plain);
+  EXPECT_EQ(defaults.direct, 0);
+  EXPECT_EQ(defaults.copied, 25);
+  EXPECT_EQ(our_video(plain), reference_video(path));
+}
+
+// Applications whose frame pool is too small to lend frames turn lending off.
+TEST(FFmpegDirect, LendingCanBeTurnedOff) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = nonref_clip();
+  FramePool pool(false);
+  Result r;
+  setenv("TRAVIK_DECODER_DIRECT", "0", 1);
+  DirectCounts counts = decode_held(path, pool.allocator(), "1", r);
+  unsetenv("TRAVIK_DECODER_DIRECT");
+  EXPECT_EQ(counts.direct, 0);
+  EXPECT_EQ(counts.copied, 25);
+  EXPECT_EQ(our_video(r), reference_video(path));
+}
+
+// Reference pictures stay in libavcodec's buffers: H.264 without B-pictures
+// renders nothing directly.
+TEST(FFmpegDirect, ReferencePicturesAreCopied) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path = clip(kClips[0]);  // ultrafast: no B-pictures
+  ASSERT_EQ(count_b_pictures(path), 0);
+  FramePool pool(false);
+  Result r;
+  DirectCounts counts = decode_held(path, pool.allocator(), "1", r);
+  EXPECT_EQ(counts.direct, 0);
+  EXPECT_EQ(counts.copied, 25);
+  EXPECT_EQ(our_video(r), reference_video(path));
 }
 
 // ---------------------------------------------------------------- bad input

@@ -891,4 +891,67 @@ TEST(Play, FFmpegClipPlaysIntoTheFileOutputs) {
     EXPECT_NE(info.out.find(item), std::string::npos) << item << "\n" << info.out;
 }
 
+// Through the player's frame pool into the y4m output's picture buffers:
+// the decoder renders the pictures nothing is predicted from straight into
+// the output's buffers, copies the others, and every picture written is
+// still one of the tool's, in order.
+TEST(Play, FFmpegPicturesRenderedStraightIntoTheOutputsBuffers) {
+  if (!have_ffmpeg_plugins()) GTEST_SKIP() << "no ffmpeg tool or FFmpeg plugins";
+  TempDir dir;
+  const std::string clip = dir.file("bframes.mp4");
+  const std::string tool = "ffmpeg -v error -nostdin -y ";
+  // Without a B-pyramid no B-picture is a reference.
+  ASSERT_EQ(std::system((tool + "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 "
+                                "-c:v libx264 -preset medium -bf 2 -x264-params b-pyramid=none "
+                                "-pix_fmt yuv420p '" + clip + "'").c_str()),
+            0);
+  ASSERT_EQ(std::system((tool + "-i '" + clip + "' -f yuv4mpegpipe '" + dir.file("ref.y4m") +
+                         "'").c_str()),
+            0);
+  const std::string types = [&] {
+    std::string out;
+    FILE *pipe = popen(("ffprobe -v error -select_streams v:0 -show_entries frame=pict_type "
+                        "-of csv=p=0 '" + clip + "'").c_str(), "r");
+    char buffer[4096];
+    size_t n;
+    while (pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
+    if (pipe) pclose(pipe);
+    return out;
+  }();
+  const int b_pictures = static_cast<int>(std::count(types.begin(), types.end(), 'B'));
+  ASSERT_GE(b_pictures, 20);
+
+  setenv("TRAVIK_DEBUG", "1", 1);
+  setenv("TRAVIK_DECODER_THREADS", "1", 1);
+  Result r = play(dir, {"-a", "null", "-v", "y4m:" + dir.file("out.y4m"), clip});
+  unsetenv("TRAVIK_DEBUG");
+  unsetenv("TRAVIK_DECODER_THREADS");
+  ASSERT_EQ(r.status, 0) << r.err;
+  int pictures = -1, direct = -1, copied = -1;
+  const size_t line = r.err.find("FFmpeg decoder: ");
+  ASSERT_NE(line, std::string::npos) << r.err;
+  ASSERT_EQ(std::sscanf(r.err.c_str() + line,
+                        "FFmpeg decoder: %d pictures, %d rendered directly (%*d%%), %d copied",
+                        &pictures, &direct, &copied),
+            3);
+  EXPECT_EQ(direct + copied, pictures);
+  // B-pictures go straight into the output's buffers (on a loaded machine
+  // the player may have some of them skipped), the reference pictures are
+  // copied.
+  EXPECT_GT(direct, 0);
+  EXPECT_LE(direct, b_pictures);
+  EXPECT_LE(copied, 50 - b_pictures);
+
+  const std::vector<std::string> shown = y4m_pictures(read_file(dir.file("out.y4m")));
+  const std::vector<std::string> decoded = y4m_pictures(read_file(dir.file("ref.y4m")));
+  ASSERT_EQ(decoded.size(), 50u);
+  size_t next = 0;
+  for (const std::string &picture : shown) {
+    while (next < decoded.size() && decoded[next] != picture) next++;
+    ASSERT_LT(next, decoded.size()) << "a picture the tool does not decode, or out of order";
+    next++;
+  }
+  EXPECT_GE(shown.size(), decoded.size() * 8 / 10);
+}
+
 }  // namespace

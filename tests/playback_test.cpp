@@ -393,6 +393,12 @@ class BadWav : public Files {
     if (!play.demuxer()) return -100;
     return travik_demuxer_parseheader(play.demuxer());
   }
+
+  bool claimed_by_wav(const std::string &bytes) {
+    Playback play(write("any.wav", bytes));
+    return play.demuxer() &&
+           std::string(play.demuxer()->driver->description).rfind("WAV demuxer", 0) == 0;
+  }
 };
 
 TEST_F(BadWav, EmptyFileIsNotClaimed) { EXPECT_EQ(header(""), -100); }
@@ -423,13 +429,34 @@ TEST_F(BadWav, NoChannelsOrTooManyAreRefused) {
   }
 }
 
-TEST_F(BadWav, UnsupportedFormatsAreRefused) {
+// Formats the native decoder cannot serve are not claimed by the WAV
+// demuxer, so that another demuxer (where one is installed) may take them.
+TEST_F(BadWav, UnsupportedFormatsAreNotClaimed) {
   WavLayout mp3;
   mp3.tag = 0x55;
-  EXPECT_NE(header(wav_bytes(mp3, std::string(16, 0))), 0);
   WavLayout deep;
   deep.bits = 24;
-  EXPECT_NE(header(wav_bytes(deep, std::string(18, 0))), 0);
+  WavLayout wide;
+  wide.bits = 32;
+  WavLayout extensible;
+  extensible.tag = 0xFFFE;
+  for (const WavLayout &layout : {mp3, deep, wide, extensible}) {
+    SCOPED_TRACE(layout.tag * 100 + layout.bits);
+    EXPECT_FALSE(claimed_by_wav(wav_bytes(layout, std::string(24, 0))));
+  }
+  // The same header with 8- or 16-bit samples is the WAV demuxer's.
+  EXPECT_TRUE(claimed_by_wav(wav_bytes(WavLayout(), std::string(24, 0))));
+  WavLayout eight;
+  eight.bits = 8;
+  EXPECT_TRUE(claimed_by_wav(wav_bytes(eight, std::string(24, 0))));
+}
+
+TEST_F(BadWav, FormatAfterTheSamplesIsNotClaimed) {
+  std::string bytes = wav_bytes(WavLayout(), le_bytes(pattern16(10, 2)));
+  // Swap the two chunks: "data" now comes first.
+  const size_t fmt = bytes.find("fmt "), data = bytes.find("data");
+  bytes = bytes.substr(0, fmt) + bytes.substr(data) + bytes.substr(fmt, data - fmt);
+  EXPECT_FALSE(claimed_by_wav(bytes));
 }
 
 TEST_F(BadWav, AbsurdFormatChunkSizeIsRefused) {

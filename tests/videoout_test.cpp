@@ -209,6 +209,12 @@ TEST(VideoOut, NullGivesPictureMemory) {
   ASSERT_EQ(travik_video_allocbuffer(v, planes, pitches, 100, 30), 0);
   EXPECT_GE(pitches[0], 100);
   EXPECT_GE(pitches[1], 50);
+  // The layout decoders write, so that they may render into it: planes and
+  // chroma lines on 64 bytes, luma lines twice the chroma lines.
+  EXPECT_EQ(pitches[1], 64);
+  EXPECT_EQ(pitches[2], 64);
+  EXPECT_EQ(pitches[0], 128);
+  for (uint8_t *plane : planes) EXPECT_EQ(reinterpret_cast<uintptr_t>(plane) % 64, 0u);
   std::memset(planes[0], 1, static_cast<size_t>(pitches[0]) * 30);
   std::memset(planes[1], 2, static_cast<size_t>(pitches[1]) * 15);
   std::memset(planes[2], 3, static_cast<size_t>(pitches[2]) * 15);

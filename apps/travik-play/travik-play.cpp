@@ -850,6 +850,9 @@ bool App::create_player() {
   description.event_write_fd = pipe_[1];
   description.input_limit = static_cast<int32_t>(o_.buffer_kib * 1024);
   description.video_frames = static_cast<int32_t>(o_.video_frames);
+  // The FFmpeg decoder lends up to two frames of the pool to libavcodec,
+  // which a pool of fewer than 4 (+2) pictures cannot spare.
+  if (o_.video_frames < 4) setenv("TRAVIK_DECODER_DIRECT", "0", 1);
   player_ = travik_player_create(&description);
   if (!player_) {
     explain_outputs(audio, video);

@@ -45,10 +45,15 @@ inline int32_t alloc_yuv(uint8_t *planes[3], int32_t pitches[3], int32_t width, 
     return 1;
   }
   const int32_t cw = (width + 1) / 2, ch = (height + 1) / 2;
-  // Rows padded to 32 bytes, so that vector routines may read whole blocks.
-  const int32_t yp = (width + 31) & ~31, cp = (cw + 31) & ~31;
-  auto *block = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(yp) * height +
-                                                   2 * static_cast<size_t>(cp) * ch + 64));
+  // Rows padded to 64 bytes and planes starting on 64 bytes, so that vector
+  // routines may read whole blocks; chroma rows half the luma rows. That is
+  // the layout decoders write, so they may render straight into it.
+  const int32_t cp = (cw + 63) & ~63, yp = 2 * cp;
+  void *memory = nullptr;
+  if (posix_memalign(&memory, 64,
+                     static_cast<size_t>(yp) * height + 2 * static_cast<size_t>(cp) * ch + 64) != 0)
+    memory = nullptr;
+  auto *block = static_cast<uint8_t *>(memory);
   planes[0] = block;
   planes[1] = block + static_cast<size_t>(yp) * height;
   planes[2] = planes[1] + static_cast<size_t>(cp) * ch;

@@ -4,10 +4,11 @@
 // PCM variants, A-law and mu-law), below the native decoders in priority.
 //
 // Video comes out as planar 4:2:0 8-bit pictures (format 1) in frames from
-// the decoder's allocator: 4:2:0 pictures are copied plane by plane, every
-// other layout is converted with libswscale. Odd picture sizes lose their
-// last column or line, since a 4:2:0 frame of the allocator holds whole
-// chroma samples only. Full-range 4:2:0 (JPEG) pictures are passed on
+// the decoder's allocator: non-reference 4:2:0 pictures are decoded straight
+// into them where the allocator's frames suit libavcodec (direct.h), other
+// 4:2:0 pictures are copied plane by plane, every other layout is converted
+// with libswscale. Odd picture sizes lose their last column or line, since a
+// 4:2:0 frame of the allocator holds whole chroma samples only. Full-range 4:2:0 (JPEG) pictures are passed on
 // unchanged. `info` is 1 on key frames. The frame argument of
 // travik_decoder_decode() is a pointer to the skip level (int32_t): 0
 // decodes everything, 1 skips the loop filter on non-reference frames, 2
@@ -26,6 +27,7 @@
 // then hands out one held frame, and a negative result once none is left,
 // after which the decoder takes packets again.
 #include "../../ffmpeg/codec_map.h"
+#include "direct.h"
 
 #include <travik/decoder.h>
 
@@ -67,6 +69,7 @@ struct Dec {
   int64_t skip_time;        // and their duration in microseconds, 0 when none
   int32_t level;            // skip level applied
   bool draining;
+  ffdirect::Direct direct;  // video: pictures rendered into the allocator's frames
 };
 
 // Decoding threads: TRAVIK_DECODER_THREADS when it names a count (1 to 16,
@@ -108,6 +111,9 @@ void *ff_open(travik_decoder *decoder) {
   if (!codec) return nullptr;
   const bool video = codec->type == AVMEDIA_TYPE_VIDEO;
   if (info.type != (video ? TRAVIK_STREAM_VIDEO : TRAVIK_STREAM_AUDIO)) return nullptr;
+  auto *d = new Dec();
+  d->decoder = decoder;
+  d->direct.decoder = decoder;
   AVCodecContext *ctx = avcodec_alloc_context3(codec);
   ctx->pkt_timebase = kMicroseconds;
   ctx->codec_tag = info.tag;
@@ -119,6 +125,7 @@ void *ff_open(travik_decoder *decoder) {
     ctx->height = info.height;
     ctx->thread_count = processors();
     ctx->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
+    ffdirect::install(&d->direct, ctx);
   } else {
     ctx->sample_rate = info.sample_rate;
     if (info.channels > 0) av_channel_layout_default(&ctx->ch_layout, info.channels);
@@ -131,10 +138,9 @@ void *ff_open(travik_decoder *decoder) {
   }
   if (avcodec_open2(ctx, codec, nullptr) < 0) {
     avcodec_free_context(&ctx);
+    delete d;
     return nullptr;
   }
-  auto *d = new Dec();
-  d->decoder = decoder;
   d->ctx = ctx;
   d->packet = av_packet_alloc();
   d->frame = av_frame_alloc();
@@ -146,7 +152,9 @@ void *ff_open(travik_decoder *decoder) {
 void ff_close(void *state) {
   auto *d = static_cast<Dec *>(state);
   if (!d) return;
-  avcodec_free_context(&d->ctx);
+  const bool video = d->ctx->codec_type == AVMEDIA_TYPE_VIDEO;
+  avcodec_free_context(&d->ctx);  // lets go of every lent picture
+  if (video) ffdirect::finish(&d->direct);
   av_packet_free(&d->packet);
   av_frame_free(&d->frame);
   av_free(d->buffer);
@@ -194,8 +202,11 @@ void *video_frame(Dec *d, const AVFrame *f) {
   templ.height = height;
   templ.info = f->key_frame ? 1 : 0;
   templ.timestamp = at;
-  travik_decoder_allocator *allocator = d->decoder->allocator;
-  auto *out = static_cast<travik_videoframe *>(allocator->alloc(allocator->user, &templ));
+  if (travik_videoframe *lent = ffdirect::take(f, width, height, at, templ.info)) {
+    d->direct.direct++;
+    return lent;
+  }
+  travik_videoframe *out = ffdirect::allocate(&d->direct, d->ctx, &templ);
   if (!out) return nullptr;
   out->info = templ.info;
   out->timestamp = templ.timestamp;
@@ -216,6 +227,7 @@ void *video_frame(Dec *d, const AVFrame *f) {
     int pitches[4] = {out->pitches[0], out->pitches[1], out->pitches[2], 0};
     sws_scale(d->sws, f->data, f->linesize, 0, height, planes, pitches);
   }
+  d->direct.copied++;
   return out;
 }
 
@@ -355,6 +367,7 @@ int32_t ff_decode(void *state, uint8_t *data, int32_t size, void *argument, void
     d->draining = false;
   }
   if (!fill_packet(d, data, size)) return -1;
+  if (d->ctx->codec_type == AVMEDIA_TYPE_VIDEO) ffdirect::prepare(&d->direct, d->ctx);
   int r = avcodec_send_packet(d->ctx, d->packet);
   if (r == AVERROR(EAGAIN)) {
     // Output must be taken first; the packet is offered again next call.

@@ -75,10 +75,36 @@ bool is_supported(const travik_codec_info &info) {
   }
 }
 
+uint32_t chunk_size(const uint8_t id[8]) {
+  return static_cast<uint32_t>(id[4]) | static_cast<uint32_t>(id[5]) << 8 |
+         static_cast<uint32_t>(id[6]) << 16 | static_cast<uint32_t>(id[7]) << 24;
+}
+
+// A RIFF/WAVE file is claimed only when its sample format is one this
+// demuxer and the native decoder serve, so that other demuxers take the
+// rest (24- and 32-bit PCM, float, extensible headers, compressed formats).
+// A damaged header of a served format (absurd rate or channel count) is
+// still claimed, and refused when parsed.
 int32_t wav_probe(travik_io *input, int32_t) {
   char head[12];
   if (!seek_to(input, 0) || !read_exact(input, head, 12)) return 0;
-  return std::memcmp(head, "RIFF", 4) == 0 && std::memcmp(head + 8, "WAVE", 4) == 0 ? 100 : 0;
+  if (std::memcmp(head, "RIFF", 4) != 0 || std::memcmp(head + 8, "WAVE", 4) != 0) return 0;
+  for (;;) {
+    uint8_t id[8];
+    if (!read_exact(input, id, 8)) return 0;
+    const uint32_t size = chunk_size(id);
+    const int64_t body = travik_io_pos(input);
+    if (body < 0) return 0;
+    if (std::memcmp(id, "fmt ", 4) == 0) {
+      if (size < 14 || size > static_cast<uint32_t>(kMaxFormatSize)) return 0;
+      travik_codec_info info = {};
+      travik_read_wav_header(input, &info, static_cast<int32_t>(size));
+      std::free(info.extradata);
+      return is_supported(info) ? 100 : 0;
+    }
+    if (std::memcmp(id, "data", 4) == 0) return 0;  // samples before their format
+    if (!seek_to(input, body + size + (size & 1))) return 0;
+  }
 }
 
 void *wav_open(travik_demuxer *demuxer, int32_t) {
@@ -107,8 +133,7 @@ int32_t wav_parseheader(void *state) {
   for (;;) {
     uint8_t id[8];
     if (!read_exact(io, id, 8)) return 1;  // no data chunk
-    const uint32_t size = static_cast<uint32_t>(id[4]) | static_cast<uint32_t>(id[5]) << 8 |
-                          static_cast<uint32_t>(id[6]) << 16 | static_cast<uint32_t>(id[7]) << 24;
+    const uint32_t size = chunk_size(id);
     const int64_t body = travik_io_pos(io);
     if (body < 0) return 1;
     if (std::memcmp(id, "fmt ", 4) == 0) {
