@@ -16,6 +16,15 @@
 //   - the seek latency: from travik_player_seek to the next flip.
 // The figures come from one run on a machine that may be busy; run it a few
 // times.
+//
+//   bench_engine [SEEKS]                 the raw input above
+//   bench_engine --clip FILE [SEEKS]     a real clip through the plugins of
+//                                        TRAVIK_PLUGINS_DIR (bench/playback)
+// With a clip the player is set up as travik-play sets it up (4 MiB input
+// ceiling, 4 + 2 pictures) and the table has the process's CPU time, peak
+// RSS, the A/V offset at each flip, the first flip, the latency of SEEKS
+// seeks (default 10) to random places, and the pictures dropped (gaps in the
+// timestamps flipped).
 #include <dirent.h>
 #include <limits.h>
 #include <malloc.h>
@@ -267,9 +276,124 @@ double percentile(std::vector<double> values, double share) {
   return values[std::min(at, values.size() - 1)];
 }
 
+// Pictures missing between the flips: each gap longer than one and a half
+// frame intervals (the median step) counts the pictures it skips.
+long dropped_pictures(const std::vector<int64_t> &shown) {
+  std::vector<double> steps;
+  for (size_t i = 1; i < shown.size(); i++)
+    if (shown[i] > shown[i - 1]) steps.push_back(static_cast<double>(shown[i] - shown[i - 1]));
+  const double step = percentile(steps, 0.5);
+  if (step <= 0) return 0;
+  long dropped = 0;
+  for (double gap : steps)
+    if (gap > 1.5 * step) dropped += static_cast<long>(gap / step + 0.5) - 1;
+  return dropped;
+}
+
+int play_clip(const char *clip, int seeks) {
+  char home[] = "/tmp/travik-engine-bench-XXXXXX";
+  if (!mkdtemp(home)) return 1;
+  setenv("HOME", home, 1);
+  travik_init();
+  ClockedAudio audio;
+  RecordingVideo video;
+  video.frame_timestamps = true;
+  MeasuringDevices::install(&audio, &video);
+  int fds[2];
+  if (pipe(fds) != 0) return 1;
+  travik_player_description description;
+  travik_player_description_init(&description);
+  description.audio_driver = "driver";
+  description.audio_args = MeasuringDevices::audio_table();
+  description.video_driver = "driver";
+  description.video_args = MeasuringDevices::video_table();
+  description.event_read_fd = fds[0];
+  description.event_write_fd = fds[1];
+  description.input_limit = 4 << 20;  // travik-play's defaults
+  description.video_frames = 4;
+  travik_player *player = travik_player_create(&description);
+  if (!player || travik_player_open(player, clip) != 0) {
+    fprintf(stderr, "engine_bench: cannot play %s\n", clip);
+    return 1;
+  }
+  auto *device = static_cast<travik_audio *>(travik_player_getobject(player, 3));
+  if (device) travik_audio_install_filter(device, ClockedAudio::base_filter, &audio);
+
+  const double cpu_start = cpu_seconds();
+  const long long play_at = wall_us();
+  travik_player_play(player);
+  const long long first_flip = next_flip(&video, 0, play_at, 10000);
+  const bool ended = wait_event(player, fds[0], TRAVIK_EVENT_END, 600 * 1000);
+  const double wall = static_cast<double>(wall_us() - play_at) / 1e6;
+  const double play_cpu = cpu_seconds() - cpu_start;
+  const int32_t duration = travik_player_getinfo(player, 1);
+
+  std::vector<double> offsets, distance;
+  std::vector<int64_t> shown;
+  {
+    std::lock_guard<std::mutex> hold(video.lock);
+    for (const measuring::Flip &f : video.flips) {
+      shown.push_back(f.video_us);
+      if (f.audio_us > 0) offsets.push_back(static_cast<double>(f.video_us - f.audio_us) / 1000);
+    }
+  }
+  for (double o : offsets) distance.push_back(o < 0 ? -o : o);
+
+  // Seeks to random places (a fixed sequence) while playing, each timed
+  // from the call to the next flip.
+  std::vector<double> seek_ms;
+  travik_player_close(player);
+  if (duration > 2000 && travik_player_open(player, clip) == 0) {
+    travik_player_play(player);
+    wait_event(player, fds[0], TRAVIK_EVENT_VIDEO_STARTED, 10000);
+    srand(1);
+    for (int i = 0; i < seeks; i++) {
+      usleep(300000);
+      size_t count;
+      {
+        std::lock_guard<std::mutex> hold(video.lock);
+        count = video.flips.size();
+      }
+      const long long at = wall_us();
+      if (travik_player_seek(player, rand() % (duration - 2000)) != 0) continue;
+      const long long flip = next_flip(&video, count, at, 5000);
+      if (flip >= 0) seek_ms.push_back(static_cast<double>(flip - at) / 1000);
+      travik_player_play(player);
+    }
+    travik_player_close(player);
+  }
+  travik_player_destroy(player);
+  MeasuringDevices::install(nullptr, nullptr);
+  close(fds[0]);
+  close(fds[1]);
+  travik_destroy();
+  rmdir(home);
+
+  printf("engine benchmark: %s (%d ms)\n", clip, duration);
+  printf("%-44s %10s\n", "measure", "value");
+  printf("%-44s %9.2f%%\n", "process CPU, share of one core", 100.0 * play_cpu / wall);
+  printf("%-44s %8.3f s\n", "CPU time of the playback", play_cpu);
+  printf("%-44s %7ld MiB\n", "peak RSS", peak_rss_kib() / 1024);
+  printf("%-44s %10zu\n", "pictures flipped", shown.size());
+  printf("%-44s %10ld\n", "pictures dropped", dropped_pictures(shown));
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p50", percentile(distance, 0.5));
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p99", percentile(distance, 0.99));
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| max", percentile(distance, 1.0));
+  printf("%-44s %8.2f ms\n", "A/V offset (signed) p50", percentile(offsets, 0.5));
+  printf("%-44s %8.2f ms\n", "play to first flip",
+         first_flip >= 0 ? static_cast<double>(first_flip - play_at) / 1000 : -1.0);
+  printf("%-44s %8.2f ms\n", "seek to next flip, p50", percentile(seek_ms, 0.5));
+  printf("%-44s %8.2f ms\n", "seek to next flip, max", percentile(seek_ms, 1.0));
+  printf("%-44s %8.2f s\n", "wall time of the playback", wall);
+  if (!ended) printf("the end event did not come\n");
+  return ended ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc > 2 && strcmp(argv[1], "--clip") == 0)
+    return play_clip(argv[2], argc > 3 ? atoi(argv[3]) : 10);
   // The plugins built beside this program, and a private HOME for their
   // caches.
   char exe[PATH_MAX];

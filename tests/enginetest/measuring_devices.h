@@ -46,13 +46,29 @@ struct ClockedAudio {
   // from then on holds a little and never drains.
   std::atomic<int64_t> stop_after{-1};
 
+  // Media time of the first sample written since init, for inputs whose
+  // sound does not start at 0 (set through base_filter).
+  std::atomic<int64_t> base_us{0};
+  std::atomic<bool> based{false};
+
   bool stopped() const { return stop_after >= 0 && accepted >= stop_after; }
 
-  // Microseconds of sound played since init.
+  // Media time of the sound being played: microseconds played since init,
+  // after the time of the first sample.
   int64_t position_us() {
     const int64_t held = clock.delay();
     const int64_t played = accepted - (held > 0 ? held : 0);
-    return played * 1000000 / (2 * channels * rate);
+    return base_us + played * 1000000 / (2 * channels * rate);
+  }
+
+  // An audio filter (travik_audio_install_filter, argument: this object)
+  // that takes the time of the first frame played as the base.
+  static void base_filter(void *argument, travik_audioframe *frame) {
+    auto *a = static_cast<ClockedAudio *>(argument);
+    if (!a->based && frame->timestamp >= 0) {
+      a->base_us = frame->timestamp;
+      a->based = true;
+    }
   }
 };
 
@@ -65,6 +81,9 @@ struct Flip {
 struct RecordingVideo {
   // Microseconds between two pictures of the avtest input played.
   int64_t frame_us = 40000;
+  // Record the frames' own timestamps instead of the avtest frame index
+  // (for real media).
+  bool frame_timestamps = false;
   std::mutex lock;
   std::condition_variable flipped;  // notified at every flip recorded
   int64_t drawn = -1;  // timestamp of the last picture drawn
@@ -88,6 +107,8 @@ class MeasuringDevices {
     a->rate = rate;
     a->channels = channels;
     a->accepted = 0;
+    a->based = false;
+    a->base_us = 0;
     a->clock.configure(rate, channels, 16384);
     return 0;
   }
@@ -155,7 +176,9 @@ class MeasuringDevices {
     auto *v = static_cast<RecordingVideo *>(handle);
     const travik_videoframe *frame = frame_of(planes, pitches);
     std::lock_guard<std::mutex> hold(v->lock);
-    if (frame) v->drawn = avtest::frame_of(frame->planes[0][0]) * v->frame_us;
+    if (frame)
+      v->drawn = v->frame_timestamps ? frame->timestamp
+                                     : avtest::frame_of(frame->planes[0][0]) * v->frame_us;
     return 0;
   }
   static int32_t video_flip(void *handle) {
