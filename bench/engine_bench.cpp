@@ -290,82 +290,123 @@ long dropped_pictures(const std::vector<int64_t> &shown) {
   return dropped;
 }
 
+// A player on the measuring devices, its events through a pipe.
+struct Measured {
+  ClockedAudio audio;
+  RecordingVideo video;
+  int fds[2] = {-1, -1};
+  travik_player *player = nullptr;
+
+  bool create(int32_t input_limit, int32_t video_frames) {
+    MeasuringDevices::install(&audio, &video);
+    if (pipe(fds) != 0) return false;
+    travik_player_description description;
+    travik_player_description_init(&description);
+    description.audio_driver = "driver";
+    description.audio_args = MeasuringDevices::audio_table();
+    description.video_driver = "driver";
+    description.video_args = MeasuringDevices::video_table();
+    description.event_read_fd = fds[0];
+    description.event_write_fd = fds[1];
+    description.input_limit = input_limit;
+    description.video_frames = video_frames;
+    player = travik_player_create(&description);
+    return player != nullptr;
+  }
+  ~Measured() {
+    if (player) travik_player_destroy(player);
+    MeasuringDevices::install(nullptr, nullptr);
+    if (fds[0] >= 0) close(fds[0]);
+    if (fds[1] >= 0) close(fds[1]);
+  }
+  size_t flips() {
+    std::lock_guard<std::mutex> hold(video.lock);
+    return video.flips.size();
+  }
+  // Video minus audio at each flip with sound playing, in ms.
+  std::vector<double> offsets() {
+    std::vector<double> out;
+    std::lock_guard<std::mutex> hold(video.lock);
+    for (const measuring::Flip &f : video.flips)
+      if (f.audio_us > 0) out.push_back(static_cast<double>(f.video_us - f.audio_us) / 1000);
+    return out;
+  }
+  // Plays `path` anew and seeks `count` times while playing, to the
+  // positions `where` gives; each timed from the call to the next flip.
+  template <typename Where>
+  std::vector<double> seeks(const char *path, int count, Where where) {
+    std::vector<double> ms;
+    if (travik_player_open(player, path) != 0) return ms;
+    travik_player_play(player);
+    wait_event(player, fds[0], TRAVIK_EVENT_VIDEO_STARTED, 10000);
+    for (int i = 0; i < count; i++) {
+      usleep(300000);
+      const size_t before = flips();
+      const long long at = wall_us();
+      if (travik_player_seek(player, where(i)) != 0) continue;
+      const long long flip = next_flip(&video, before, at, 5000);
+      if (flip >= 0) ms.push_back(static_cast<double>(flip - at) / 1000);
+      travik_player_play(player);
+    }
+    travik_player_close(player);
+    return ms;
+  }
+};
+
+// The rows both tables share: A/V offsets, first flip and seeks.
+void print_timing(const std::vector<double> &offsets, double first_flip_ms,
+                  const std::vector<double> &seek_ms) {
+  std::vector<double> distance;
+  for (double o : offsets) distance.push_back(o < 0 ? -o : o);
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p50", percentile(distance, 0.5));
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p99", percentile(distance, 0.99));
+  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| max", percentile(distance, 1.0));
+  printf("%-44s %8.2f ms\n", "A/V offset (signed) p50", percentile(offsets, 0.5));
+  printf("%-44s %8.2f ms\n", "play to first flip", first_flip_ms);
+  printf("%-44s %8.2f ms\n", "seek to next flip, p50", percentile(seek_ms, 0.5));
+  printf("%-44s %8.2f ms\n", "seek to next flip, max", percentile(seek_ms, 1.0));
+}
+
 int play_clip(const char *clip, int seeks) {
   char home[] = "/tmp/travik-engine-bench-XXXXXX";
   if (!mkdtemp(home)) return 1;
   setenv("HOME", home, 1);
   travik_init();
-  ClockedAudio audio;
-  RecordingVideo video;
-  video.frame_timestamps = true;
-  MeasuringDevices::install(&audio, &video);
-  int fds[2];
-  if (pipe(fds) != 0) return 1;
-  travik_player_description description;
-  travik_player_description_init(&description);
-  description.audio_driver = "driver";
-  description.audio_args = MeasuringDevices::audio_table();
-  description.video_driver = "driver";
-  description.video_args = MeasuringDevices::video_table();
-  description.event_read_fd = fds[0];
-  description.event_write_fd = fds[1];
-  description.input_limit = 4 << 20;  // travik-play's defaults
-  description.video_frames = 4;
-  travik_player *player = travik_player_create(&description);
-  if (!player || travik_player_open(player, clip) != 0) {
-    fprintf(stderr, "engine_bench: cannot play %s\n", clip);
-    return 1;
-  }
-  auto *device = static_cast<travik_audio *>(travik_player_getobject(player, 3));
-  if (device) travik_audio_install_filter(device, ClockedAudio::base_filter, &audio);
-
-  const double cpu_start = cpu_seconds();
-  const long long play_at = wall_us();
-  travik_player_play(player);
-  const long long first_flip = next_flip(&video, 0, play_at, 10000);
-  const bool ended = wait_event(player, fds[0], TRAVIK_EVENT_END, 600 * 1000);
-  const double wall = static_cast<double>(wall_us() - play_at) / 1e6;
-  const double play_cpu = cpu_seconds() - cpu_start;
-  const int32_t duration = travik_player_getinfo(player, 1);
-
-  std::vector<double> offsets, distance;
+  double play_cpu, wall, first_flip_ms;
+  int32_t duration;
+  bool ended;
+  std::vector<double> offsets, seek_ms;
   std::vector<int64_t> shown;
   {
-    std::lock_guard<std::mutex> hold(video.lock);
-    for (const measuring::Flip &f : video.flips) {
-      shown.push_back(f.video_us);
-      if (f.audio_us > 0) offsets.push_back(static_cast<double>(f.video_us - f.audio_us) / 1000);
+    Measured m;
+    m.video.frame_timestamps = true;
+    // travik-play's defaults: a 4 MiB ceiling, 4 + 2 pictures.
+    if (!m.create(4 << 20, 4) || travik_player_open(m.player, clip) != 0) {
+      fprintf(stderr, "engine_bench: cannot play %s\n", clip);
+      return 1;
     }
-  }
-  for (double o : offsets) distance.push_back(o < 0 ? -o : o);
-
-  // Seeks to random places (a fixed sequence) while playing, each timed
-  // from the call to the next flip.
-  std::vector<double> seek_ms;
-  travik_player_close(player);
-  if (duration > 2000 && travik_player_open(player, clip) == 0) {
-    travik_player_play(player);
-    wait_event(player, fds[0], TRAVIK_EVENT_VIDEO_STARTED, 10000);
+    auto *device = static_cast<travik_audio *>(travik_player_getobject(m.player, 3));
+    if (device) travik_audio_install_filter(device, ClockedAudio::base_filter, &m.audio);
+    const double cpu_start = cpu_seconds();
+    const long long play_at = wall_us();
+    travik_player_play(m.player);
+    const long long first_flip = next_flip(&m.video, 0, play_at, 10000);
+    ended = wait_event(m.player, m.fds[0], TRAVIK_EVENT_END, 600 * 1000);
+    wall = static_cast<double>(wall_us() - play_at) / 1e6;
+    play_cpu = cpu_seconds() - cpu_start;
+    first_flip_ms = first_flip >= 0 ? static_cast<double>(first_flip - play_at) / 1000 : -1.0;
+    duration = travik_player_getinfo(m.player, 1);
+    offsets = m.offsets();
+    {
+      std::lock_guard<std::mutex> hold(m.video.lock);
+      for (const measuring::Flip &f : m.video.flips) shown.push_back(f.video_us);
+    }
+    travik_player_close(m.player);
+    // Random places (a fixed sequence) in the clip.
     srand(1);
-    for (int i = 0; i < seeks; i++) {
-      usleep(300000);
-      size_t count;
-      {
-        std::lock_guard<std::mutex> hold(video.lock);
-        count = video.flips.size();
-      }
-      const long long at = wall_us();
-      if (travik_player_seek(player, rand() % (duration - 2000)) != 0) continue;
-      const long long flip = next_flip(&video, count, at, 5000);
-      if (flip >= 0) seek_ms.push_back(static_cast<double>(flip - at) / 1000);
-      travik_player_play(player);
-    }
-    travik_player_close(player);
+    if (duration > 2000)
+      seek_ms = m.seeks(clip, seeks, [&](int) { return rand() % (duration - 2000); });
   }
-  travik_player_destroy(player);
-  MeasuringDevices::install(nullptr, nullptr);
-  close(fds[0]);
-  close(fds[1]);
   travik_destroy();
   rmdir(home);
 
@@ -376,14 +417,7 @@ int play_clip(const char *clip, int seeks) {
   printf("%-44s %7ld MiB\n", "peak RSS", peak_rss_kib() / 1024);
   printf("%-44s %10zu\n", "pictures flipped", shown.size());
   printf("%-44s %10ld\n", "pictures dropped", dropped_pictures(shown));
-  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p50", percentile(distance, 0.5));
-  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p99", percentile(distance, 0.99));
-  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| max", percentile(distance, 1.0));
-  printf("%-44s %8.2f ms\n", "A/V offset (signed) p50", percentile(offsets, 0.5));
-  printf("%-44s %8.2f ms\n", "play to first flip",
-         first_flip >= 0 ? static_cast<double>(first_flip - play_at) / 1000 : -1.0);
-  printf("%-44s %8.2f ms\n", "seek to next flip, p50", percentile(seek_ms, 0.5));
-  printf("%-44s %8.2f ms\n", "seek to next flip, max", percentile(seek_ms, 1.0));
+  print_timing(offsets, first_flip_ms, seek_ms);
   printf("%-44s %8.2f s\n", "wall time of the playback", wall);
   if (!ended) printf("the end event did not come\n");
   return ended ? 0 : 1;
@@ -423,70 +457,30 @@ int main(int argc, char **argv) {
   const double decode_cpu = decode_alone(path, kInputLimit, kPooledFrames);
   reset_peak_rss();
 
-  ClockedAudio audio;
-  RecordingVideo video;
-  MeasuringDevices::install(&audio, &video);
-  int fds[2];
-  if (pipe(fds) != 0) return 1;
-  travik_player_description description;
-  travik_player_description_init(&description);
-  description.audio_driver = "driver";
-  description.audio_args = MeasuringDevices::audio_table();
-  description.video_driver = "driver";
-  description.video_args = MeasuringDevices::video_table();
-  description.event_read_fd = fds[0];
-  description.event_write_fd = fds[1];
-  description.input_limit = kInputLimit;
-  travik_player *player = travik_player_create(&description);
-  if (!player || travik_player_open(player, path.c_str()) != 0) {
-    fprintf(stderr, "engine_bench: cannot play %s\n", path.c_str());
-    return 1;
-  }
-
-  // Playback from the start to the end, at real time.
-  const double cpu_start = cpu_seconds();
-  const long long play_at = wall_us();
-  travik_player_play(player);
-  const long long first_flip = next_flip(&video, 0, play_at, 10000);
-  const bool ended = wait_event(player, fds[0], TRAVIK_EVENT_END, (kSeconds + 20) * 1000);
-  const double wall = static_cast<double>(wall_us() - play_at) / 1e6;
-  const double play_cpu = cpu_seconds() - cpu_start;
-  const std::vector<ThreadUse> threads = thread_use();
-
-  std::vector<double> offsets;
+  double play_cpu, wall, first_flip_ms;
+  bool ended;
+  std::vector<ThreadUse> threads;
+  std::vector<double> offsets, seek_ms;
   {
-    std::lock_guard<std::mutex> hold(video.lock);
-    for (const measuring::Flip &f : video.flips)
-      if (f.audio_us > 0) offsets.push_back(static_cast<double>(f.video_us - f.audio_us) / 1000);
-  }
-  std::vector<double> distance;
-  for (double o : offsets) distance.push_back(o < 0 ? -o : o);
-
-  // Seeks: each to a new place while playing, timed to the next flip.
-  std::vector<double> seek_ms;
-  travik_player_close(player);
-  if (travik_player_open(player, path.c_str()) == 0) {
-    travik_player_play(player);
-    wait_event(player, fds[0], TRAVIK_EVENT_VIDEO_STARTED, 10000);
-    for (int i = 0; i < seeks; i++) {
-      usleep(300000);
-      size_t count;
-      {
-        std::lock_guard<std::mutex> hold(video.lock);
-        count = video.flips.size();
-      }
-      const long long at = wall_us();
-      if (travik_player_seek(player, 1000 + 1500 * (i % 5)) != 0) continue;
-      const long long flip = next_flip(&video, count, at, 5000);
-      if (flip >= 0) seek_ms.push_back(static_cast<double>(flip - at) / 1000);
-      travik_player_play(player);
+    Measured m;
+    if (!m.create(kInputLimit, 0) || travik_player_open(m.player, path.c_str()) != 0) {
+      fprintf(stderr, "engine_bench: cannot play %s\n", path.c_str());
+      return 1;
     }
-    travik_player_close(player);
+    // Playback from the start to the end, at real time.
+    const double cpu_start = cpu_seconds();
+    const long long play_at = wall_us();
+    travik_player_play(m.player);
+    const long long first_flip = next_flip(&m.video, 0, play_at, 10000);
+    ended = wait_event(m.player, m.fds[0], TRAVIK_EVENT_END, (kSeconds + 20) * 1000);
+    wall = static_cast<double>(wall_us() - play_at) / 1e6;
+    play_cpu = cpu_seconds() - cpu_start;
+    first_flip_ms = first_flip >= 0 ? static_cast<double>(first_flip - play_at) / 1000 : -1.0;
+    threads = thread_use();
+    offsets = m.offsets();
+    travik_player_close(m.player);
+    seek_ms = m.seeks(path.c_str(), seeks, [](int i) { return 1000 + 1500 * (i % 5); });
   }
-  travik_player_destroy(player);
-  MeasuringDevices::install(nullptr, nullptr);
-  close(fds[0]);
-  close(fds[1]);
   travik_destroy();
   unlink(path.c_str());
   rmdir(home);
@@ -505,14 +499,7 @@ int main(int argc, char **argv) {
   printf("%-44s %8.3f s\n", "CPU time of demux + decode alone, holding", decode_cpu);
   printf("%-44s %7ld MiB\n", "peak RSS of the playback and seeks", peak_rss_kib() / 1024);
   printf("%-44s %10zu\n", "pictures flipped with audio playing", offsets.size());
-  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p50", percentile(distance, 0.5));
-  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| p99", percentile(distance, 0.99));
-  printf("%-44s %8.2f ms\n", "A/V offset |video - audio| max", percentile(distance, 1.0));
-  printf("%-44s %8.2f ms\n", "A/V offset (signed) p50", percentile(offsets, 0.5));
-  printf("%-44s %8.2f ms\n", "play to first flip",
-         first_flip >= 0 ? static_cast<double>(first_flip - play_at) / 1000 : -1.0);
-  printf("%-44s %8.2f ms\n", "seek to next flip, p50", percentile(seek_ms, 0.5));
-  printf("%-44s %8.2f ms\n", "seek to next flip, max", percentile(seek_ms, 1.0));
+  print_timing(offsets, first_flip_ms, seek_ms);
   printf("%-44s %8.2f s\n", "wall time of the playback", wall);
   static const char *const kThreadNames[] = {"application (and decode alone)", "audio output",
                                              "video output", "demux", "audio decode",
