@@ -10,6 +10,7 @@
 // plugins, libavutil or the tool are missing (the cross builds).
 #include <gtest/gtest.h>
 #include <travik/travik.h>
+#include <util/loopback.h>
 #include <util/testutil.h>
 
 #ifdef TRAVIK_TEST_HAVE_LIBAVUTIL
@@ -1243,38 +1244,8 @@ TEST(FFmpegBadInput, CodecWithoutDecoderGivesNoDecoder) {
 
 // ---------------------------------------------------------------- network
 
-class Listener {
- public:
-  explicit Listener(int type) {
-    fd_ = socket(AF_INET, type, 0);
-    int one = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-    socklen_t len = sizeof a;
-    getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len);
-    port_ = ntohs(a.sin_port);
-    if (type == SOCK_STREAM) listen(fd_, 16);
-  }
-  ~Listener() { close(fd_); }
-  int fd() const { return fd_; }
-  int port() const { return port_; }
-
- private:
-  int fd_;
-  int port_;
-};
-
-void send_all(int fd, const char *data, size_t size) {
-  while (size > 0) {
-    ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
-    if (n <= 0) return;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-}
+using travik_test::Listener;
+using travik_test::send_all;
 
 TEST(FFmpegNetwork, TransportStreamOverTcp) {
   SKIP_WITHOUT_FFMPEG();

@@ -40,6 +40,7 @@
 #include <thread>
 #include <vector>
 
+#include "util/loopback.h"
 #include "util/testutil.h"
 
 namespace {
@@ -262,38 +263,8 @@ int settled_threads(int threads) {
 
 // ---------------------------------------------------------------- servers
 
-class Listener {
- public:
-  explicit Listener(int type) {
-    fd_ = socket(AF_INET, type, 0);
-    int one = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-    socklen_t len = sizeof a;
-    getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len);
-    port_ = ntohs(a.sin_port);
-    if (type == SOCK_STREAM) listen(fd_, 4);
-  }
-  ~Listener() { close(fd_); }
-  int fd() const { return fd_; }
-  int port() const { return port_; }
-
- private:
-  int fd_;
-  int port_;
-};
-
-void send_all(int fd, const char *data, size_t size) {
-  while (size > 0) {
-    ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
-    if (n <= 0) return;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-}
+using travik_test::Listener;
+using travik_test::send_all;
 
 // Accepts one client (giving up after a few seconds, so that a failed test
 // does not hang) and serves it with `serve`.
