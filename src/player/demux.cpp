@@ -259,7 +259,9 @@ void demux_pass(travik_player *player) {
   if (player->header_pending) {
     player->header_pending = 0;
     player_post(player, TRAVIK_EVENT_OPENING);
+    pthread_mutex_lock(&player->header_mutex);
     int32_t r = travik_demuxer_parseheader(demuxer);
+    pthread_mutex_unlock(&player->header_mutex);
     if (r != 0) {
       if (r != TRAVIK_DEMUXER_END) player_post_error(player, r);
       player->end_of_stream = 1;

@@ -210,6 +210,7 @@ travik_player *travik_player_create(const travik_player_description *description
   pthread_mutex_init(&player->input_mutex, nullptr);
   pthread_cond_init(&player->input_cond, nullptr);
   pthread_mutex_init(&player->demux_mutex, nullptr);
+  pthread_mutex_init(&player->header_mutex, nullptr);
   player->demux_thread = travik_thread_create(demux_body, player);
 
   decode_block_init(&player->audio_decode, audio_decode_body, player, description->audio_frames,
@@ -244,6 +245,7 @@ void travik_player_destroy(travik_player *player) {
   travik_list_destroy(&player->audio_packets);
   travik_list_destroy(&player->video_packets);
   pthread_mutex_destroy(&player->demux_mutex);
+  pthread_mutex_destroy(&player->header_mutex);
   pthread_mutex_destroy(&player->input_mutex);
   pthread_cond_destroy(&player->input_cond);
   pthread_mutex_destroy(&player->target_mutex);

@@ -89,6 +89,9 @@ struct travik_player {
   pthread_mutex_t input_mutex;
   pthread_cond_t input_cond;
   pthread_mutex_t demux_mutex;  // one demux pass at a time
+  // Held while the demuxer parses the header, which writes the streams,
+  // flags, duration and metadata that the application's thread reads.
+  pthread_mutex_t header_mutex;
   flag_t header_pending;
   flag_t restart_pending;
   int32_t source_state;         // SOURCE_*, under state_mutex

@@ -14,12 +14,36 @@ const int32_t kSeekAttempts = 50;
 const int32_t kFadeWaitLimit = 1000;  // ms
 const int32_t kUnityGain = 0x10000;
 
+// The demuxer's streams, flags, duration and metadata as the application's
+// thread may read them. While the demux thread parses the header (and
+// writes them) the player answers as if it had no demuxer yet, rather than
+// block the caller for as long as the input takes to answer.
+class HeaderView {
+ public:
+  explicit HeaderView(travik_player *player) : player_(player) {
+    if (player->demuxer && pthread_mutex_trylock(&player->header_mutex) == 0)
+      demuxer_ = player->demuxer;
+  }
+  ~HeaderView() {
+    if (demuxer_) pthread_mutex_unlock(&player_->header_mutex);
+  }
+  HeaderView(const HeaderView &) = delete;
+  HeaderView &operator=(const HeaderView &) = delete;
+  travik_demuxer *demuxer() const { return demuxer_; }
+
+ private:
+  travik_player *player_;
+  travik_demuxer *demuxer_ = nullptr;
+};
+
 bool pausable(travik_player *player) {
-  return player->demuxer && (player->demuxer->flags & TRAVIK_DEMUXER_PAUSABLE);
+  HeaderView header(player);
+  return header.demuxer() && (header.demuxer()->flags & TRAVIK_DEMUXER_PAUSABLE);
 }
 
 bool live(travik_player *player) {
-  return player->demuxer && (player->demuxer->flags & TRAVIK_DEMUXER_NOSEEK);
+  HeaderView header(player);
+  return header.demuxer() && (header.demuxer()->flags & TRAVIK_DEMUXER_NOSEEK);
 }
 
 void wake_demux(travik_player *player) {
@@ -202,12 +226,15 @@ int travik_player_seek_with_direction(travik_player *player, int32_t position,
   if (player->demuxer) prepare_decoders(player);
   buffering_end(player);
   travik_demuxer *demuxer = player->demuxer;
-  if (position < 0 || !demuxer || player->buffering != 0 || travik_demuxer_seekable(demuxer) == 0 ||
-      player->end_pending == 0) {
-    return 1;
-  }
-  int32_t current = travik_player_elapsed(player);
+  if (!demuxer) return 1;
+  // A seek may wait: it reads what the header says once a parse under way
+  // has finished.
+  pthread_mutex_lock(&player->header_mutex);
+  int32_t seekable = travik_demuxer_seekable(demuxer);
   auto duration = static_cast<int32_t>(travik_demuxer_getduration(demuxer));
+  pthread_mutex_unlock(&player->header_mutex);
+  if (position < 0 || player->buffering != 0 || seekable == 0 || player->end_pending == 0) return 1;
+  int32_t current = travik_player_elapsed(player);
   if (duration > 0 && position > duration - 1000) position = duration - 1000;
   if (direction != 0 && direction != 1) direction = position < current ? 1 : 0;
 
@@ -267,14 +294,19 @@ int travik_player_setinfo(travik_player *player, int32_t key, int32_t value) {
 }
 
 int32_t travik_player_getinfo(travik_player *player, int32_t key) {
-  travik_demuxer *demuxer = player->demuxer;
   travik_stream *audio = player->audio_stream;
   travik_stream *video = player->video_stream;
+  if (key >= 0 && key <= 3) {
+    HeaderView header(player);
+    travik_demuxer *demuxer = header.demuxer();
+    switch (key) {
+      case 0: return demuxer && travik_demuxer_seekable(demuxer) > 0 ? 1 : 0;
+      case 1: return demuxer ? static_cast<int32_t>(travik_demuxer_getduration(demuxer)) : 0;
+      case 2: return demuxer ? travik_demuxer_hasvideo(demuxer) : -1;
+      default: return demuxer ? travik_demuxer_hasaudio(demuxer) : -1;
+    }
+  }
   switch (key) {
-    case 0: return demuxer && travik_demuxer_seekable(demuxer) > 0 ? 1 : 0;
-    case 1: return demuxer ? static_cast<int32_t>(travik_demuxer_getduration(demuxer)) : 0;
-    case 2: return demuxer ? travik_demuxer_hasvideo(demuxer) : -1;
-    case 3: return demuxer ? travik_demuxer_hasaudio(demuxer) : -1;
     case 4: return stream_value(audio, &travik_codec_info::channels);
     case 5: return stream_value(audio, &travik_codec_info::bits_per_sample);
     case 6: return stream_value(audio, &travik_codec_info::sample_rate);
@@ -298,14 +330,16 @@ int32_t travik_player_getinfo(travik_player *player, int32_t key) {
 }
 
 const char *travik_player_getmeta(travik_player *player, int32_t key) {
-  if (!player->demuxer) return nullptr;
-  return travik_metadata_gettext(&player->demuxer->metadata, key);
+  HeaderView header(player);
+  if (!header.demuxer()) return nullptr;
+  return travik_metadata_gettext(&header.demuxer()->metadata, key);
 }
 
 const char *travik_player_getmeta_image(travik_player *player, void **data, int32_t *size) {
-  if (!player->demuxer) return nullptr;
-  travik_metadata_getdata(&player->demuxer->metadata, 11, data, size);
-  return travik_metadata_gettext(&player->demuxer->metadata, 12);
+  HeaderView header(player);
+  if (!header.demuxer()) return nullptr;
+  travik_metadata_getdata(&header.demuxer()->metadata, 11, data, size);
+  return travik_metadata_gettext(&header.demuxer()->metadata, 12);
 }
 
 int travik_player_update(travik_player *player) {
