@@ -14,6 +14,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "player/player_internal.h"
@@ -1066,6 +1067,30 @@ TEST_F(Player, SeekRefusedWhenNotSeekable) {
   ASSERT_TRUE(wait_event(TRAVIK_EVENT_OPENED));
   EXPECT_EQ(travik_player_getinfo(player_, 0), 0);
   EXPECT_EQ(travik_player_seek(player_, 1000), 1);
+}
+
+// While the demux thread parses the header, the application's thread sees
+// the player as without a demuxer rather than its streams half made, and a
+// seek waits for the parse and then goes by what the header said.
+TEST_F(Player, HeaderBeingParsedIsNotReadHalfMade) {
+  open(audio_stream(5000) + audio_packets(0, 50) + "gate\n", "bitrate 80000\n");
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_for([&] { return script()->at_gate.load(); }));
+  EXPECT_EQ(travik_player_getinfo(player_, 0), 0);
+  EXPECT_EQ(travik_player_getinfo(player_, 1), 0);
+  EXPECT_EQ(travik_player_getinfo(player_, 3), -1);
+  EXPECT_EQ(travik_player_getmeta(player_, TRAVIK_META_TITLE), nullptr);
+  std::atomic<int> result{-2};
+  std::thread seeker([&] { result = travik_player_seek(player_, 4800); });
+  usleep(100000);
+  EXPECT_EQ(result.load(), -2);
+  script()->gate_open = true;
+  seeker.join();
+  EXPECT_EQ(result.load(), 0);
+  EXPECT_EQ(script()->last_seek, 4000000);  // the 5 s duration less a second
+  EXPECT_EQ(travik_player_getinfo(player_, 1), 5000);
+  EXPECT_EQ(travik_player_getinfo(player_, 3), 1);
+  EXPECT_STREQ(travik_player_getmeta(player_, TRAVIK_META_TITLE), "input");
 }
 
 TEST_F(Player, ExactSeekDropsOutputBeforeTarget) {

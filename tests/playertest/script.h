@@ -11,6 +11,7 @@
 //   end <parse result after the last packet>  (4 when absent)
 //   hold                      after the last packet, parse gives 0 and no packet
 //   seekback <us>             seeks go to the first packet at or after position - us
+//   gate                      parseheader returns only once `gate_open` is set
 #pragma once
 
 #include <travik/demuxer.h>
@@ -39,6 +40,9 @@ struct State {
   int32_t end_result;
   bool hold;
   int64_t seek_back;  // us: seeks land this much before the position
+  bool gated;
+  std::atomic<bool> at_gate;    // parseheader is waiting
+  std::atomic<bool> gate_open;
   Packet packets[kMaxPackets];
   int32_t packet_count;
   std::atomic<int32_t> next;             // index of the next packet to give out

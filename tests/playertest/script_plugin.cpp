@@ -2,6 +2,8 @@
 // streams, packets, header and parse results, and sees seeks and controls.
 #include <travik/io.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -60,6 +62,7 @@ int32_t parseheader(void *data) {
     if (key == "end") state->end_result = static_cast<int32_t>(a);
     if (key == "hold") state->hold = true;
     if (key == "seekback") state->seek_back = a;
+    if (key == "gate") state->gated = true;
     if (key == "audio" || key == "video") {
       travik_stream *stream = &state->streams[state->stream_count++];
       travik_stream_init(stream);
@@ -90,6 +93,8 @@ int32_t parseheader(void *data) {
       p.fill = n >= 6 ? static_cast<uint8_t>(e) : 0;
     }
   }
+  state->at_gate = state->gated;
+  while (state->gated && !state->gate_open) usleep(1000);
   return state->header_result;
 }
 
