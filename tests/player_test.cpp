@@ -793,6 +793,21 @@ TEST_F(Player, VideoPoolKeepsTwoSpareFrames) {
   EXPECT_EQ(video_.frees, 5);  // every picture buffer handed back
 }
 
+// One video frame would be the picture on screen with none to decode the
+// next into; no audio frames would be none to decode into at all. Both are
+// raised to the least pool that plays, and the input plays to its end.
+TEST_F(Player, PoolsTooSmallToPlayAreRaised) {
+  desc_.video_frames = 1;
+  desc_.audio_frames = -3;
+  open(audio_stream(400) + video_stream(400) + audio_packets(0, 10) + video_packets(1, 10));
+  EXPECT_EQ(player_->video_decode.frame_limit, 2);
+  EXPECT_EQ(player_->audio_decode.frame_limit, 1);
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_event(TRAVIK_EVENT_END));
+  EXPECT_LE(player_->video_decode.frame_count, 4);
+  EXPECT_EQ(player_->audio_decode.frame_count, 1);
+}
+
 TEST_F(Player, CloseHandsBackEveryPictureBuffer) {
   open(video_stream(100) + video_packets(0, 10));
   travik_player_play(player_);

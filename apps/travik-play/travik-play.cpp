@@ -257,8 +257,10 @@ int parse_options(int argc, char **argv, Options *o) {
         return kExitUsage;
       }
     } else if (strcmp(arg, "--frames") == 0) {
-      if (!parse_long(value, 1, 64, &o->video_frames)) {
-        error("--frames takes a count from 1 to 64, not \"%s\"", value);
+      if (!parse_long(value, 2, 64, &o->video_frames)) {
+        error("--frames takes a count from 2 to 64 (the picture on screen and the next), "
+              "not \"%s\"",
+              value);
         return kExitUsage;
       }
     } else {

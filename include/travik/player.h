@@ -37,8 +37,11 @@ typedef struct travik_player_description {
   /* Ceiling, in bytes, on the payload of demuxed packets held at once; it
    * also bounds the prebuffer size. 0 or less: no ceiling. */
   int32_t input_limit;
-  int32_t video_frames;      /* video frame pool size; 0 selects 15 */
-  int32_t audio_frames;      /* audio frame pool size; 0 selects 10 */
+  /* Video frame pool size; 0 selects 15, less than 2 is taken as 2 (the
+   * picture on screen and the next one). Two more frames may be made for
+   * pictures the decoder keeps. */
+  int32_t video_frames;
+  int32_t audio_frames;      /* audio frame pool size; 0 selects 10, less than 1 is 1 */
   const char *audio_driver;  /* audio output driver name ("auto", "driver", a name) */
   const char *video_driver;  /* video output driver name */
   void *video_args;          /* handed to the video output's open */

@@ -37,13 +37,18 @@ bool decode_done(player_decode_block *block, travik_list *packets) {
   return done;
 }
 
+// A pool smaller than `least_frames` would stop playback for good: the
+// decode pass waits for room once `frame_limit` frames exist, and a video
+// output holds the picture on screen until the next one comes, so a video
+// pool of one frame (or an audio pool of none) waits for a frame that
+// nothing will give back. Such sizes are raised to the least that plays.
 void decode_block_init(player_decode_block *block, travik_thread_body body, travik_player *player,
-                       int32_t frames, int32_t default_frames) {
+                       int32_t frames, int32_t default_frames, int32_t least_frames) {
   drain_packet_init(block);
   block->thread = travik_thread_create(body, player);
   pthread_mutex_init(&block->mutex, nullptr);
   travik_list_init(&block->free_frames);
-  block->frame_limit = frames != 0 ? frames : default_frames;
+  block->frame_limit = frames == 0 ? default_frames : frames < least_frames ? least_frames : frames;
 }
 
 }  // namespace
@@ -214,9 +219,9 @@ travik_player *travik_player_create(const travik_player_description *description
   player->demux_thread = travik_thread_create(demux_body, player);
 
   decode_block_init(&player->audio_decode, audio_decode_body, player, description->audio_frames,
-                    kDefaultAudioFrames);
+                    kDefaultAudioFrames, 1);
   decode_block_init(&player->video_decode, video_decode_body, player, description->video_frames,
-                    kDefaultVideoFrames);
+                    kDefaultVideoFrames, 2);
   return player;
 }
 
