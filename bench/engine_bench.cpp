@@ -278,15 +278,22 @@ double percentile(std::vector<double> values, double share) {
 
 // Pictures missing between the flips: each gap longer than one and a half
 // frame intervals (the median step) counts the pictures it skips.
-long dropped_pictures(const std::vector<int64_t> &shown) {
+// Pictures missing between those shown (gaps wider than the usual step),
+// and the media times (ms) where the gaps begin.
+long dropped_pictures(const std::vector<int64_t> &shown, std::vector<int64_t> *where) {
   std::vector<double> steps;
   for (size_t i = 1; i < shown.size(); i++)
     if (shown[i] > shown[i - 1]) steps.push_back(static_cast<double>(shown[i] - shown[i - 1]));
   const double step = percentile(steps, 0.5);
   if (step <= 0) return 0;
   long dropped = 0;
-  for (double gap : steps)
-    if (gap > 1.5 * step) dropped += static_cast<long>(gap / step + 0.5) - 1;
+  for (size_t i = 1; i < shown.size(); i++) {
+    const double gap = static_cast<double>(shown[i] - shown[i - 1]);
+    if (gap > 1.5 * step) {
+      dropped += static_cast<long>(gap / step + 0.5) - 1;
+      where->push_back(shown[i - 1] / 1000);
+    }
+  }
   return dropped;
 }
 
@@ -416,7 +423,13 @@ int play_clip(const char *clip, int seeks) {
   printf("%-44s %8.3f s\n", "CPU time of the playback", play_cpu);
   printf("%-44s %7ld MiB\n", "peak RSS", peak_rss_kib() / 1024);
   printf("%-44s %10zu\n", "pictures flipped", shown.size());
-  printf("%-44s %10ld\n", "pictures dropped", dropped_pictures(shown));
+  std::vector<int64_t> gaps;
+  printf("%-44s %10ld\n", "pictures dropped", dropped_pictures(shown, &gaps));
+  if (!gaps.empty()) {
+    printf("%-44s", "  after the pictures at (ms)");
+    for (size_t i = 0; i < gaps.size() && i < 8; i++) printf(" %lld", static_cast<long long>(gaps[i]));
+    printf("%s\n", gaps.size() > 8 ? " ..." : "");
+  }
   print_timing(offsets, first_flip_ms, seek_ms);
   printf("%-44s %8.2f s\n", "wall time of the playback", wall);
   if (!ended) printf("the end event did not come\n");
