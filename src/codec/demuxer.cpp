@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/relaxed.h"
 #include "codec/demuxer_cache.h"
 
 namespace {
@@ -248,8 +249,11 @@ void travik_demuxer_setfixedpreroll(travik_demuxer *demuxer, int32_t millisecond
   demuxer->fixed_preroll = milliseconds;
 }
 
+// The player asks from several threads at once (its end test, the
+// application's position and seek): once the header is parsed they all
+// compute the same value, and the cached word is read and stored whole.
 uint32_t travik_demuxer_getduration(travik_demuxer *demuxer) {
-  if (demuxer->duration) return demuxer->duration;
+  if (uint32_t known = relaxed_load(demuxer->duration)) return known;
   travik_stream *audio = nullptr;
   travik_stream *video = nullptr;
   // From the last slot down: a stream replaces the candidate only with a
@@ -274,7 +278,7 @@ uint32_t travik_demuxer_getduration(travik_demuxer *demuxer) {
   }
   if (video && video->duration > static_cast<int64_t>(duration))
     duration = static_cast<uint32_t>(video->duration);
-  demuxer->duration = duration;
+  relaxed_store(demuxer->duration, duration);
   return duration;
 }
 

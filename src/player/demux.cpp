@@ -261,6 +261,10 @@ void demux_pass(travik_player *player) {
     player_post(player, TRAVIK_EVENT_OPENING);
     pthread_mutex_lock(&player->header_mutex);
     int32_t r = travik_demuxer_parseheader(demuxer);
+    // The duration is worked out here, between two driver calls, once: when
+    // it comes from the input's length, finding that length seeks the input,
+    // which must not happen in another thread while this one reads it.
+    if (r == 0) travik_demuxer_getduration(demuxer);
     pthread_mutex_unlock(&player->header_mutex);
     if (r != 0) {
       if (r != TRAVIK_DEMUXER_END) player_post_error(player, r);
