@@ -998,7 +998,9 @@ int App::run() {
     run_commands();
     if (quit_) break;
     show_status(false);
-    wait_for_input(20);
+    // Events and keys end the wait at once; the timeout only paces scripted
+    // commands and the status line, so an idle player wakes rarely.
+    wait_for_input(next_command_ < commands_.size() ? 20 : 100);
   }
   drain_events();
   if (ended_) wait_for_audio_flush();
