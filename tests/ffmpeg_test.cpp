@@ -717,6 +717,42 @@ TEST(FFmpegDemuxer, OggAndFlacTagsComeFromTheStream) {
   EXPECT_EQ(r.texts[1], "X");
 }
 
+// An MP4's header is taken as it stands, without libavformat's probe: the
+// start (the audio's, primed ahead of the pictures) and the bit rate are still
+// those the tool reports after probing, from a file and from memory alike.
+TEST(FFmpegDemuxer, Mp4HeaderGivesWhatTheProbeWould) {
+  SKIP_WITHOUT_FFMPEG();
+  const std::string path =
+      make_clip("offset.mp4", std::string(kVideo) + " " + kAudio +
+                                  " -pix_fmt yuv420p -c:v libx264 -preset ultrafast -c:a aac"
+                                  " -output_ts_offset 1.5");
+  std::istringstream probe(capture("ffprobe -v error -show_entries format=start_time,bit_rate"
+                                   " -of default=nw=1:nk=1 '" + path + "'"));
+  double start = 0;
+  int64_t bit_rate = 0;
+  probe >> start >> bit_rate;
+  ASSERT_GT(start, 1.4);
+  const std::string bytes = travik_test::read_file(path);
+  char memory[128];
+  std::snprintf(memory, sizeof memory, "mem://%llx:%u/clip.mp4",
+                static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(bytes.data())),
+                static_cast<unsigned>(bytes.size()));
+  for (const std::string &url : {path, std::string(memory)}) {
+    SCOPED_TRACE(url);
+    Result r;
+    Player p;
+    ASSERT_TRUE(p.open(url, r));
+    EXPECT_EQ(p.demuxer->bitrate, bit_rate);
+    p.run(r);
+    // Times count from the start of the input: the first samples at 0, the
+    // first picture where the video track begins after them.
+    ASSERT_FALSE(r.audio_times.empty());
+    ASSERT_FALSE(r.picture_times.empty());
+    EXPECT_NEAR(static_cast<double>(r.audio_times[0]), 0, 1000);
+    EXPECT_NEAR(static_cast<double>(r.picture_times[0]), (1.5 - start) * 1e6, 1000);
+  }
+}
+
 TEST(FFmpegDemuxer, MemoryInputPlaysAndSeeks) {
   SKIP_WITHOUT_FFMPEG();
   const std::string path = clip(kClips[0]);  // h264_aac.mp4

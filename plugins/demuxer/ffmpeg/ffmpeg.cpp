@@ -214,6 +214,53 @@ int64_t io_seek(void *opaque, int64_t offset, int whence) {
 
 bool handle_can_seek(const travik_io *io) { return io->backend && io->backend->seek; }
 
+// Whether the container's header alone describes every stream the player
+// takes, so that libavformat's probe can be left out. The probe reads the
+// first packets and decodes pictures to learn what such a header already
+// states, and at 1080p that costs some 35 ms before the first picture; what
+// it would add besides (the pixel layout) the decoder finds out itself.
+// Only MP4/QuickTime qualifies: its index states codec, size, rate, start
+// and duration of every track and a time for every packet. Other
+// containers, and MP4 headers that leave any of it out, are probed.
+bool header_is_complete(const AVFormatContext *format) {
+  if (std::strncmp(format->iformat->name, "mov,", 4) != 0) return false;
+  if (format->duration == AV_NOPTS_VALUE || format->duration <= 0) return false;
+  for (unsigned i = 0; i < format->nb_streams; i++) {
+    const AVStream *st = format->streams[i];
+    const AVCodecParameters *par = st->codecpar;
+    bool described;
+    if (par->codec_type == AVMEDIA_TYPE_VIDEO && !(st->disposition & AV_DISPOSITION_ATTACHED_PIC))
+      described = par->width > 0 && par->height > 0 &&
+                  (st->avg_frame_rate.num > 0 || st->r_frame_rate.num > 0);
+    else if (par->codec_type == AVMEDIA_TYPE_AUDIO)
+      described = par->sample_rate > 0 && par->ch_layout.nb_channels > 0;
+    else
+      continue;  // not declared
+    if (!described || par->codec_id == AV_CODEC_ID_NONE || st->start_time == AV_NOPTS_VALUE)
+      return false;
+  }
+  return true;
+}
+
+// What the probe works out from a complete header: the input's start (the
+// earliest track's) and, when the container gives none, its bit rate: the
+// input's size over its duration, as the probe has it, or the tracks' rates
+// together when the size is unknown.
+void take_header_timings(AVFormatContext *format) {
+  int64_t tracks = 0;
+  for (unsigned i = 0; i < format->nb_streams; i++) {
+    const AVStream *st = format->streams[i];
+    if (st->codecpar->bit_rate > 0) tracks += st->codecpar->bit_rate;
+    if (st->start_time == AV_NOPTS_VALUE) continue;  // a track the player does not take
+    const int64_t start = av_rescale_q(st->start_time, st->time_base, AV_TIME_BASE_Q);
+    if (format->start_time == AV_NOPTS_VALUE || start < format->start_time)
+      format->start_time = start;
+  }
+  if (format->bit_rate > 0) return;
+  const int64_t size = format->pb ? avio_size(format->pb) : -1;
+  format->bit_rate = size > 0 ? av_rescale(size, 8 * AV_TIME_BASE, format->duration) : tracks;
+}
+
 // Opens the input and libavformat's context on it; false on failure.
 bool open_input(Demux *d) {
   d->format = avformat_alloc_context();
@@ -254,6 +301,10 @@ bool open_input(Demux *d) {
   int r = avformat_open_input(&d->format, url, nullptr, &options);
   av_dict_free(&options);
   if (r < 0) return false;  // the context is freed on failure
+  if (header_is_complete(d->format)) {
+    take_header_timings(d->format);
+    return true;
+  }
   return avformat_find_stream_info(d->format, nullptr) >= 0;
 }
 
