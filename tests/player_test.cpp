@@ -4,6 +4,7 @@
 // playback, transport control and prompt close, seek and destroy.
 #include <gtest/gtest.h>
 #include <travik/travik.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <util/fake_output.h>
 #include <util/testutil.h>
@@ -559,6 +560,28 @@ TEST_F(PlayerDrain, PauseDuringTheDrain) {
   std::vector<int32_t> distinct = video_.drawn;
   distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
   EXPECT_EQ(distinct, fills(1, 12));
+}
+
+// Paused during the drain, nothing moves: the decode thread waits for a
+// free frame and the outputs are paused. The demux thread's end watch then
+// sleeps until a decode pass ends instead of looking every few
+// milliseconds: the process hardly wakes.
+long voluntary_switches() {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_nvcsw;
+}
+
+TEST_F(PlayerDrain, PausedDrainLeavesTheProcessAsleep) {
+  start();
+  travik_player_pause(player_);
+  usleep(200000);
+  const long before = voluntary_switches();
+  usleep(1000000);
+  EXPECT_LT(voluntary_switches() - before, 40);
+  EXPECT_EQ(count(TRAVIK_EVENT_END), 0);
+  travik_player_play(player_);
+  ASSERT_TRUE(wait_event(TRAVIK_EVENT_END));
 }
 
 TEST_F(PlayerDrain, SeekDuringTheDrainDiscardsIt) {

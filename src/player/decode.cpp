@@ -158,10 +158,18 @@ travik_packet *take_packet(player_decode_block *block, travik_list *packets) {
 
 // The pass is done with its packet. After the end of the input this may be
 // the last work there was: the output threads waiting for frames are told,
-// under their lists' mutexes, so that none of them misses it.
-void pass_done(travik_player *player, player_decode_block *block) {
+// under their lists' mutexes, so that none of them misses it. So is the
+// demux thread's end watch once this thread has nothing left to decode
+// (without the demux mutex, which a demux pass may hold while it resets
+// this thread; the watch's own time limit covers a signal sent just before
+// it waits).
+void pass_done(travik_player *player, player_decode_block *block, travik_list *packets) {
   block->busy = 0;
   if (player->end_of_stream != 1) return;
+  pthread_mutex_lock(&packets->mutex);
+  const bool idle = packets->count == 0 && block->drain_pending == 0;
+  pthread_mutex_unlock(&packets->mutex);
+  if (idle) pthread_cond_signal(&player->end_watch_cond);
   for (travik_list *ready : {&player->audio_ready, &player->video_ready}) {
     pthread_mutex_lock(&ready->mutex);
     pthread_cond_signal(&ready->cond);
@@ -265,7 +273,7 @@ void audio_decode_pass(travik_player *player, bool create_only) {
   }
   pthread_mutex_unlock(&block->mutex);
   packet->release(packet);
-  pass_done(player, block);
+  pass_done(player, block, &player->audio_packets);
 }
 
 void video_decode_pass(travik_player *player, bool create_only) {
@@ -341,7 +349,7 @@ void video_decode_pass(travik_player *player, bool create_only) {
   }
   pthread_mutex_unlock(&block->mutex);
   packet->release(packet);
-  pass_done(player, block);
+  pass_done(player, block, &player->video_packets);
 }
 
 void drain_packet_init(player_decode_block *block) {

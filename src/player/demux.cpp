@@ -10,6 +10,7 @@
 
 #include <travik/system.h>
 
+#include "base/timed_wait.h"
 #include "player/player_internal.h"
 
 namespace {
@@ -23,8 +24,10 @@ struct player_packet {
 };
 
 const int32_t kSpareBytes = 8;
-// ms between two looks at the decode threads after the end of the input.
-const int32_t kEndWatchStep = 10;
+// After the end of the input the demux thread looks at the decode threads
+// whenever a decode pass ends, and at least this often (ms): a pass that
+// ends just before the watch starts waiting goes unnoticed until then.
+const int32_t kEndWatchStep = 100;
 
 int32_t accounted_size(travik_packet *packet) {
   return reinterpret_cast<player_packet *>(packet)->accounted;
@@ -370,9 +373,12 @@ namespace {
 // After the end of the input the demux thread watches the decode threads
 // drain their decoders, then runs the end-of-playback test once: when
 // nothing reached the output threads, or they are not running, END still
-// comes from here. The watch polls: the decode threads have no way to wake
-// a paused demux thread without racing a seek's reset of it. Returns false
-// when there is no watch and the pass is an ordinary one.
+// comes from here. The watch waits on `end_watch_cond`, which each decode
+// pass signals as it ends and a reset signals too (the decode threads do
+// not play or pause the demux thread, which would race a seek's reset of
+// it). The wait lets go of the demux mutex, so a seek's own demux passes
+// need not wait for it. Returns false when there is no watch and the pass
+// is an ordinary one.
 bool end_watch_pass(travik_player *player) {
   if (player->end_watch == 0) return false;
   demux_waiter waiter = {player, player->demux_wakeups};
@@ -384,8 +390,9 @@ bool end_watch_pass(travik_player *player) {
     done = player_input_finished(player);
     if (done) {
       player->end_watch = 0;
-    } else {
-      travik_sleep_check(kEndWatchStep, demux_running, &waiter);
+    } else if (demux_running(&waiter)) {
+      const struct timespec until = monotonic_deadline(kEndWatchStep);
+      pthread_cond_timedwait(&player->end_watch_cond, &player->demux_mutex, &until);
     }
   }
   pthread_mutex_unlock(&player->demux_mutex);
@@ -407,6 +414,7 @@ int32_t demux_body(void *data, int32_t code) {
   } else if (code == TRAVIK_THREAD_RESET) {
     player->demux_wakeups += 1;
     player->end_watch = 0;
+    pthread_cond_signal(&player->end_watch_cond);
     if (player->demuxer) travik_demuxer_clear_packets(player->demuxer);
     player->repush_pending = 0;
     pthread_mutex_lock(&player->input_mutex);

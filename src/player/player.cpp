@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/relaxed.h"
+#include "base/timed_wait.h"
 #include "player/player_internal.h"
 
 namespace {
@@ -215,6 +216,7 @@ travik_player *travik_player_create(const travik_player_description *description
   pthread_mutex_init(&player->input_mutex, nullptr);
   pthread_cond_init(&player->input_cond, nullptr);
   pthread_mutex_init(&player->demux_mutex, nullptr);
+  monotonic_cond_init(&player->end_watch_cond);
   pthread_mutex_init(&player->header_mutex, nullptr);
   player->demux_thread = travik_thread_create(demux_body, player);
 
@@ -250,6 +252,7 @@ void travik_player_destroy(travik_player *player) {
   travik_list_destroy(&player->audio_packets);
   travik_list_destroy(&player->video_packets);
   pthread_mutex_destroy(&player->demux_mutex);
+  pthread_cond_destroy(&player->end_watch_cond);
   pthread_mutex_destroy(&player->header_mutex);
   pthread_mutex_destroy(&player->input_mutex);
   pthread_cond_destroy(&player->input_cond);

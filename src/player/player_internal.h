@@ -103,6 +103,7 @@ struct travik_player {
   flag_t repush_pending;
   flag_t demux_wakeups;         // reset wake-ups so far; cuts the demux thread's waits short
   flag_t end_watch;             // the demux thread runs the end test once the decoders are done
+  pthread_cond_t end_watch_cond;  // with demux_mutex: a decode pass ended, or a reset came
 
   player_decode_block audio_decode;
   char *audio_decoder_name;

@@ -4,10 +4,11 @@
 #include <travik/timeval.h>
 
 #include <pthread.h>
-#include <time.h>
 
 #include <cstdio>
 #include <cstdlib>
+
+#include "base/timed_wait.h"
 
 struct travik_schedule {
   int64_t audio_base;      // ms of the first audio frame, -1 until then
@@ -64,13 +65,7 @@ void start_clock(travik_schedule *s, int32_t offset) {
 // picture that much late, and the late-frame rule would then drop the
 // next one.
 void wait_for_base(travik_schedule *s) {
-  struct timespec until;
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_nsec += static_cast<long>(kIdleWaitMs) * 1000000L;
-  if (until.tv_nsec >= 1000000000L) {
-    until.tv_sec += 1;
-    until.tv_nsec -= 1000000000L;
-  }
+  const struct timespec until = monotonic_deadline(kIdleWaitMs);
   pthread_mutex_lock(&s->mutex);
   while (s->audio_base == -1 && s->video_base == -1) {
     if (pthread_cond_timedwait(&s->based, &s->mutex, &until) != 0) break;
@@ -85,11 +80,7 @@ extern "C" {
 travik_schedule *travik_schedule_create(void) {
   auto *s = static_cast<travik_schedule *>(std::calloc(1, sizeof(travik_schedule)));
   pthread_mutex_init(&s->mutex, nullptr);
-  pthread_condattr_t attributes;
-  pthread_condattr_init(&attributes);
-  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-  pthread_cond_init(&s->based, &attributes);
-  pthread_condattr_destroy(&attributes);
+  monotonic_cond_init(&s->based);
   s->audio_base = -1;
   s->video_base = -1;
   s->frame_duration = kDefaultFrameDuration;
