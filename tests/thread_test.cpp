@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "base/timed_wait.h"
 #include "util/testutil.h"
 
 namespace {
@@ -420,3 +422,43 @@ TEST(Sleep, RemainderOfTenMillisecondsIsNotSlept) {
 }
 
 }  // namespace
+
+// ---- condition waits on the monotonic clock ------------------------------
+
+int64_t monotonic_ns(const struct timespec &t) {
+  return static_cast<int64_t>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+}
+
+int64_t monotonic_now_ns() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return monotonic_ns(now);
+}
+
+TEST(TimedWait, DeadlinesCarryIntoWholeSeconds) {
+  for (int32_t ms : {0, 1, 999, 1000, 1500, 2999}) {
+    SCOPED_TRACE(ms);
+    const int64_t before = monotonic_now_ns();
+    const struct timespec until = monotonic_deadline(ms);
+    const int64_t after = monotonic_now_ns();
+    EXPECT_GE(until.tv_nsec, 0);
+    EXPECT_LT(until.tv_nsec, 1000000000L);
+    EXPECT_GE(monotonic_ns(until), before + ms * 1000000LL);
+    EXPECT_LE(monotonic_ns(until), after + ms * 1000000LL);
+  }
+}
+
+TEST(TimedWait, AWaitWithoutSignalEndsAtTheDeadline) {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t cond;
+  monotonic_cond_init(&cond);
+  const int64_t begin = monotonic_now_ns();
+  const struct timespec until = monotonic_deadline(50);
+  pthread_mutex_lock(&mutex);
+  int result = 0;
+  while (result == 0) result = pthread_cond_timedwait(&cond, &mutex, &until);
+  pthread_mutex_unlock(&mutex);
+  EXPECT_EQ(result, ETIMEDOUT);
+  EXPECT_GE(monotonic_now_ns() - begin, 50000000LL);
+  pthread_cond_destroy(&cond);
+}
