@@ -277,9 +277,8 @@ double percentile(std::vector<double> values, double share) {
 }
 
 // Pictures missing between the flips: each gap longer than one and a half
-// frame intervals (the median step) counts the pictures it skips.
-// Pictures missing between those shown (gaps wider than the usual step),
-// and the media times (ms) where the gaps begin.
+// frame intervals (the median step) counts the pictures it skips, and the
+// media time (ms) where it begins goes to `where`.
 long dropped_pictures(const std::vector<int64_t> &shown, std::vector<int64_t> *where) {
   std::vector<double> steps;
   for (size_t i = 1; i < shown.size(); i++)

@@ -166,10 +166,7 @@ travik_packet *take_packet(player_decode_block *block, travik_list *packets) {
 void pass_done(travik_player *player, player_decode_block *block, travik_list *packets) {
   block->busy = 0;
   if (player->end_of_stream != 1) return;
-  pthread_mutex_lock(&packets->mutex);
-  const bool idle = packets->count == 0 && block->drain_pending == 0;
-  pthread_mutex_unlock(&packets->mutex);
-  if (idle) pthread_cond_signal(&player->end_watch_cond);
+  if (decode_done(block, packets)) pthread_cond_signal(&player->end_watch_cond);
   for (travik_list *ready : {&player->audio_ready, &player->video_ready}) {
     pthread_mutex_lock(&ready->mutex);
     pthread_cond_signal(&ready->cond);
@@ -350,6 +347,15 @@ void video_decode_pass(travik_player *player, bool create_only) {
   pthread_mutex_unlock(&block->mutex);
   packet->release(packet);
   pass_done(player, block, &player->video_packets);
+}
+
+// Read under the packet list's mutex, where the pass takes its packet and
+// becomes busy in one step.
+bool decode_done(player_decode_block *block, travik_list *packets) {
+  pthread_mutex_lock(&packets->mutex);
+  bool done = packets->count == 0 && block->busy == 0 && block->drain_pending == 0;
+  pthread_mutex_unlock(&packets->mutex);
+  return done;
 }
 
 void drain_packet_init(player_decode_block *block) {

@@ -25,8 +25,9 @@ struct player_packet {
 
 const int32_t kSpareBytes = 8;
 // After the end of the input the demux thread looks at the decode threads
-// whenever a decode pass ends, and at least this often (ms): a pass that
-// ends just before the watch starts waiting goes unnoticed until then.
+// whenever one runs out of work, and at least this often (ms): a thread
+// that runs out just before the watch starts waiting goes unnoticed until
+// then.
 const int32_t kEndWatchStep = 100;
 
 int32_t accounted_size(travik_packet *packet) {
@@ -373,12 +374,12 @@ namespace {
 // After the end of the input the demux thread watches the decode threads
 // drain their decoders, then runs the end-of-playback test once: when
 // nothing reached the output threads, or they are not running, END still
-// comes from here. The watch waits on `end_watch_cond`, which each decode
-// pass signals as it ends and a reset signals too (the decode threads do
-// not play or pause the demux thread, which would race a seek's reset of
-// it). The wait lets go of the demux mutex, so a seek's own demux passes
-// need not wait for it. Returns false when there is no watch and the pass
-// is an ordinary one.
+// comes from here. The watch waits on `end_watch_cond`, which a decode
+// thread signals once it has nothing left to decode, and a reset too (the
+// decode threads do not play or pause the demux thread, which would race a
+// seek's reset of it). The wait lets go of the demux mutex, so a seek's own
+// demux passes need not wait for it. Returns false when there is no watch
+// and the pass is an ordinary one.
 bool end_watch_pass(travik_player *player) {
   if (player->end_watch == 0) return false;
   demux_waiter waiter = {player, player->demux_wakeups};

@@ -28,16 +28,6 @@ void write_event(travik_player *player, uint16_t code, const void *payload, uint
 
 int32_t count_of(travik_list *list) { return relaxed_load(list->count); }
 
-// A decode thread is done when it has no packet queued, none in hand and
-// no drain to make. Read under the packet list's mutex, where the pass
-// takes its packet and becomes busy in one step.
-bool decode_done(player_decode_block *block, travik_list *packets) {
-  pthread_mutex_lock(&packets->mutex);
-  bool done = packets->count == 0 && block->busy == 0 && block->drain_pending == 0;
-  pthread_mutex_unlock(&packets->mutex);
-  return done;
-}
-
 // A pool smaller than `least_frames` would stop playback for good: the
 // decode pass waits for room once `frame_limit` frames exist, and a video
 // output holds the picture on screen until the next one comes, so a video

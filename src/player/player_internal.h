@@ -217,6 +217,9 @@ void audio_decode_pass(travik_player *player, bool create_only);
 void video_decode_pass(travik_player *player, bool create_only);
 // Makes the block's drain packet: no data, no time, no flags.
 void drain_packet_init(player_decode_block *block);
+// Whether the decode thread of `packets` has nothing queued, nothing in
+// hand and no drain to make.
+bool decode_done(player_decode_block *block, travik_list *packets);
 // Empties a pool, handing picture buffers back to the device.
 void audio_pool_clear(travik_player *player);
 void video_pool_clear(travik_player *player);
